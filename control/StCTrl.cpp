@@ -1,0 +1,504 @@
+// Controller core: the event queue, state accessors, status record and the
+// event builders. The notification rules live in StCTrlRules.cpp and the
+// countdown path in StCTrlCountdown.cpp.
+#include "control/StCTrl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "config/FileMap.h"
+#include "core/Clock.h"
+#include "core/Globals.h"
+
+namespace {
+const int kNotifySlot = 0;
+const int kQueueSlot = 1;
+
+void clearEvent(EVENTMSGINFO* ev) { memset(ev, 0, sizeof *ev); }
+
+void fill(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
+{
+    clearEvent(ev);
+    ev->to = to;
+    ev->code = code;
+    ev->count = static_cast<int>(params.size());
+    int i = 0;
+    for (int p : params)
+        ev->params[i++] = p;
+}
+} // namespace
+
+StCTrl::StCTrl(Clock* clock, FileMap* config)
+    : mStateUps(0), mStateBattery(0), mStatePower(0), mNow(0), mTimingChanged(false), mCheckResult(0),
+      mMemberContCount(0), mClock(clock), mConfig(config)
+{
+    memset(mPower, 0, sizeof mPower);
+    for (auto& p : mPower) {
+        p.lastSchedule = -1;
+    }
+    for (auto& s : mSettings) {
+        s.winkTime = s.countdownTime = s.appEndTime = s.shutdownDelay = 0;
+    }
+    mMutex.MutexInit();
+    memset(&mCont, 0, sizeof mCont);
+    mCont.contCount = 1;
+    mCont.single = 1;
+    mContSnapshot = mCont;
+    memset(&mTiming, 0, sizeof mTiming);
+}
+
+StCTrl::~StCTrl() {}
+
+// ---------------------------------------------------------------- queue
+
+void StCTrl::set_event_pushback(EVENTMSGINFO* ev)
+{
+    mMutex.Lock(kQueueSlot);
+    mQueue.push_back(*ev);
+    mMutex.unLock(kQueueSlot);
+}
+
+int StCTrl::SetEvent(EVENTMSGINFO* ev)
+{
+    set_event_pushback(ev);
+    int slot = ev->to + 2;
+    if (slot >= 2 && slot < MutexControl::kSlots) {
+        // Taking the wake-up slot's mutex around the signal means a consumer
+        // that has just found the queue empty cannot miss this wake-up.
+        mMutex.Lock(slot);
+        mMutex.Signal(slot);
+        mMutex.unLock(slot);
+    }
+    return 0;
+}
+
+int StCTrl::GetEvent(EVENTMSGINFO* out, int me)
+{
+    const int wake = me + 2;
+    for (;;) {
+        mMutex.Lock(wake);
+        for (;;) {
+            mMutex.Lock(kQueueSlot);
+            bool empty = mQueue.empty();
+            mMutex.unLock(kQueueSlot);
+            if (!empty)
+                break;
+            mMutex.Wait_time(wake);
+        }
+        mMutex.Lock(kQueueSlot);
+        bool otherHead = false;
+        if (!mQueue.empty()) {
+            *out = mQueue.front();
+            if (mQueue.front().to == me) {
+                mQueue.pop_front();
+                mMutex.unLock(kQueueSlot);
+                mMutex.unLock(wake);
+                return 0;
+            }
+            otherHead = true;
+        }
+        mMutex.unLock(kQueueSlot);
+        mMutex.unLock(wake);
+        if (otherHead)
+            usleep(100 * 1000);
+    }
+}
+
+int StCTrl::SetNotify(_NOTIFYMSGINFO* nt)
+{
+    mMutex.Lock(kNotifySlot);
+    NotifyToEvent(nt);
+    mMutex.unLock(kNotifySlot);
+    return 0;
+}
+
+size_t StCTrl::queuedEvents()
+{
+    mMutex.Lock(kQueueSlot);
+    size_t n = mQueue.size();
+    mMutex.unLock(kQueueSlot);
+    return n;
+}
+
+bool StCTrl::popHeadForTest(EVENTMSGINFO* out)
+{
+    mMutex.Lock(kQueueSlot);
+    bool any = !mQueue.empty();
+    if (any) {
+        *out = mQueue.front();
+        mQueue.pop_front();
+    }
+    mMutex.unLock(kQueueSlot);
+    return any;
+}
+
+// ---------------------------------------------------------------- configuration
+
+std::string StCTrl::conf(const std::string& key)
+{
+    FileMap* map = mConfig ? mConfig : gpMapConfig;
+    return map ? map->getConf(key) : std::string();
+}
+
+int StCTrl::confNum(const std::string& key) { return static_cast<int>(strtol(conf(key).c_str(), nullptr, 10)); }
+
+bool StCTrl::isController() { return conf("UPSController") != "2"; }
+
+void StCTrl::refreshNow() { mNow = mClock ? mClock->now() : Clock::system().now(); }
+
+// ---------------------------------------------------------------- start
+
+void StCTrl::LetsGo(bool setLater)
+{
+    EVENTMSGINFO ev;
+    refreshNow();
+    setShutdownTiming(0);
+    setLogConfig();
+    postLog(6, 1);
+    if (setLater)
+        postLog(265, 1);
+    if (isController()) {
+        postMeterControl(0);
+        setLogDeleteTimerStartEvent(&ev);
+        post(&ev);
+        setDetectTimerStartEvent(&ev);
+        post(&ev);
+    }
+    SetUPSCommInfo("UPS Monitor Loaded");
+}
+
+void StCTrl::setLogConfig() { mDumpLogRate = conf("DumpLogRate"); }
+
+// ---------------------------------------------------------------- settings
+
+int StCTrl::getWinkTime(int k) { return mSettings[k & 3].winkTime; }
+int StCTrl::getCountdownTime(int k) { return mSettings[k & 3].countdownTime; }
+int StCTrl::getAppEndTime(int k) { return mSettings[k & 3].appEndTime; }
+int StCTrl::getShutdownDelay(int k) { return mSettings[k & 3].shutdownDelay; }
+std::string StCTrl::getRunCommand(int k) { return mSettings[k & 3].runCommand; }
+
+void StCTrl::setShutdownTiming(int k)
+{
+    Settings& s = mSettings[k & 3];
+    char key[32];
+    int idx = (k & 3) + 1;
+    snprintf(key, sizeof key, "WinkTime%d", idx);
+    s.winkTime = confNum(key);
+    snprintf(key, sizeof key, "ShutdownTime%d", idx);
+    s.countdownTime = confNum(key);
+    snprintf(key, sizeof key, "AppTermTimeOut%d", idx);
+    s.appEndTime = confNum(key);
+    snprintf(key, sizeof key, "ShutdownDelay%d", idx);
+    s.shutdownDelay = confNum(key);
+    snprintf(key, sizeof key, "AppTermCommand%d", idx);
+    s.runCommand = conf(key);
+}
+
+void StCTrl::getShutdownTiming(int k) { setShutdownTiming(k); }
+
+// ---------------------------------------------------------------- status record
+
+void StCTrl::GetContInfo(ShutCNT* out)
+{
+    mMutex.MEMInfoLock();
+    *out = mCont;
+    mMutex.MEMInfoUnLock();
+}
+
+void StCTrl::CheckContInfo()
+{
+    if (conf("UPSController") == "1")
+        return;
+    mMutex.MEMInfoLock();
+    bool changed = memcmp(&mCont, &mContSnapshot, sizeof mCont) != 0;
+    mContSnapshot = mCont;
+    mMutex.MEMInfoUnLock();
+    if (changed) {
+        EVENTMSGINFO ev;
+        fill(&ev, 5, 504, {});
+        post(&ev);
+    }
+}
+
+int StCTrl::SetOutPutStatus(bool on, bool quiet, int slot)
+{
+    int k = slot & 3;
+    int code = 0;
+    mMutex.MEMInfoLock();
+    bool several = mCont.contCount > 1;
+    if (mCont.outputKnown[k]) {
+        if ((mCont.outputStatus[k] != 0) == on)
+            code = 0;
+        else
+            code = (several && !quiet) ? (on ? 235 : 234) : 0;
+    } else if (several && !quiet) {
+        mCont.outputKnown[k] = 1;
+        code = on ? 237 : 236;
+    }
+    mCont.outputStatus[k] = on ? 1 : 0;
+    mMutex.MEMInfoUnLock();
+    return code;
+}
+
+void StCTrl::SetMemCfgPort(int index, unsigned short port)
+{
+    if (!gpm_Memcnt)
+        return;
+    char key[32];
+    snprintf(key, sizeof key, "Port%d", index);
+    gpm_Memcnt->setConfNum(key, port);
+    gpm_Memcnt->save();
+}
+
+void StCTrl::SetUPSCommInfo(const char* text)
+{
+    // Only the daemon's own controller publishes its text for the console.
+    if (mConfig != nullptr || this != &gCStCtrl)
+        return;
+    std::string path = gHomeDir + "upsCommInfo.tmp";
+    FILE* f = fopen(path.c_str(), "w");
+    if (!f)
+        return;
+    fprintf(f, "%s\n", text);
+    fclose(f);
+}
+
+void StCTrl::ShutDownSetSCHStatus(int k, int v)
+{
+    mMutex.MEMInfoLock();
+    mCont.schStatus[k & 3] = static_cast<uint8_t>(v);
+    mMutex.MEMInfoUnLock();
+}
+int StCTrl::ShutDownGetSCHStatus(int k) { return mCont.schStatus[k & 3]; }
+
+void StCTrl::ShutDownSetPFStatus(int k, int v)
+{
+    mMutex.MEMInfoLock();
+    mCont.pfStatus[k & 3] = static_cast<uint8_t>(v);
+    mMutex.MEMInfoUnLock();
+}
+bool StCTrl::ShutDownGetPFStatus(int k) { return mCont.pfStatus[k & 3] == 1 || mCont.pfStatus[k & 3] == 2; }
+
+void StCTrl::ShutDownSetCommStatus(int k, int v)
+{
+    mMutex.MEMInfoLock();
+    mCont.commStatus[k & 3] = static_cast<uint8_t>(v);
+    mMutex.MEMInfoUnLock();
+}
+int StCTrl::ShutDownGetCommStatus(int k) { return mCont.commStatus[k & 3]; }
+
+void StCTrl::ShutDownSetUPSCom(int k, int v)
+{
+    mMutex.MEMInfoLock();
+    mCont.upsCom[k & 3] = static_cast<uint8_t>(v);
+    mMutex.MEMInfoUnLock();
+}
+
+void StCTrl::SetAPPEndStatus(int k, int v)
+{
+    mMutex.MEMInfoLock();
+    mCont.appEndStatus[k & 3] = static_cast<uint8_t>(v);
+    mMutex.MEMInfoUnLock();
+}
+
+void StCTrl::CancelAppTime(int k)
+{
+    mMutex.MEMInfoLock();
+    mCont.appStatus[k & 3] = 0;
+    mCont.dummyAppDown[k & 3] = 0;
+    mMutex.MEMInfoUnLock();
+}
+
+void StCTrl::StartPFAPPEnd(int k)
+{
+    mMutex.MEMInfoLock();
+    mCont.pfAppEnd[k & 3] = 1;
+    mMutex.MEMInfoUnLock();
+}
+bool StCTrl::GetPFAPPEnd(int k) { return mCont.pfAppEnd[k & 3] != 0; }
+
+void StCTrl::EndPFAPPEnd(int k)
+{
+    mMutex.MEMInfoLock();
+    mCont.pfAppEnd[k & 3] = 0;
+    mMutex.MEMInfoUnLock();
+}
+
+int StCTrl::GetAppStatus(int k) { return mCont.appStatus[k & 3]; }
+int StCTrl::GetDummyAPP_Down(int k) { return mCont.dummyAppDown[k & 3]; }
+int StCTrl::GetStartShutdownStatus() { return mCont.startShutdown; }
+
+void StCTrl::SetMemberContCount(int count)
+{
+    mMutex.MEMInfoLock();
+    mMemberContCount = count;
+    mCont.contCount = count;
+    mMutex.MEMInfoUnLock();
+}
+
+void StCTrl::SetMemberContActive(int k, bool active)
+{
+    mMutex.MEMInfoLock();
+    mCont.active[k & 3] = active ? 1 : 0;
+    mMutex.MEMInfoUnLock();
+}
+
+bool StCTrl::IsContActive(int k) { return mCont.active[k & 3] != 0; }
+
+// ---------------------------------------------------------------- builders
+
+void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {1, int(mNow + 5), 0, 8}); }
+
+void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {2, int(mNow + 5), 0, 8}); }
+
+void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {3, int(mNow + getWinkTime(0)), 0, 8}); }
+
+void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
+{
+    int k = SetMyThreadOffset(n);
+    fill(ev, 0, 100, {3 + k, int(mNow + getWinkTime(k) - elapsed), 0, n});
+}
+
+void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int n)
+{
+    fill(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow + 60), 60, n});
+}
+
+void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
+{
+    fill(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow - elapsed + 60), 60, n});
+}
+
+void StCTrl::setAppTermTimerStart(EVENTMSGINFO* ev, int n)
+{
+    int k = SetMyThreadOffset(n);
+    fill(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k)), 0, n});
+}
+
+void StCTrl::setDummyAppTermTimerStart(EVENTMSGINFO* ev, int n)
+{
+    int k = SetMyThreadOffset(n);
+    fill(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
+}
+
+void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {16, int(mNow + 1800), 1800, 8}); }
+
+void StCTrl::setLogDeleteTimerStopEvent(EVENTMSGINFO* ev)
+{
+    // Kept as it always was: despite its name this builds a start command
+    // that re-uses whatever id and times the record still holds.
+    ev->to = 0;
+    ev->code = 100;
+    ev->count = 4;
+    ev->params[3] = 8;
+}
+
+void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
+{
+    int minutes = confNum("DumpLogRate");
+    if (minutes <= 0) {
+        // A meter log rate of 0 (or none) turns the periodic measurement off.
+        fill(ev, 0, 102, {11});
+        return;
+    }
+    fill(ev, 0, 100, {11, int(mNow + minutes * 60), minutes * 60, 8});
+}
+
+void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { fill(ev, 0, 102, {11}); }
+
+void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {17 + SetMyThreadOffset(n)}); }
+
+void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {3 + SetMyThreadOffset(n), n}); }
+
+void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {7 + SetMyThreadOffset(n), n}); }
+
+void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {12 + SetMyThreadOffset(n), n}); }
+
+void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { fill(ev, 0, 103, {flag}); }
+
+void StCTrl::setWinkTimerResetEvent(EVENTMSGINFO* ev, int seconds, int n)
+{
+    fill(ev, 0, 104, {3 + SetMyThreadOffset(n), seconds});
+}
+
+void StCTrl::setAppTermEvent(EVENTMSGINFO* ev, int n) { fill(ev, 4, 302, {SetMyThreadOffset(n)}); }
+
+void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { fill(ev, 4, 303, {}); }
+
+void StCTrl::setPowerWrongEvent(EVENTMSGINFO* ev, int n)
+{
+    fill(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].phase, n});
+}
+
+void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { fill(ev, 5, 301, {n}); }
+
+bool StCTrl::setPowerLogEvent(EVENTMSGINFO* ev, int code, int n)
+{
+    if (mCont.startShutdown && (code == 0 || code == 1 || code == 2 || code == 204 || code == 206))
+        return false;
+    fill(ev, 5, 500, {n, code});
+    int k = SetMyThreadOffset(n) & 3;
+    if (code == 0) {
+        ev->params[2] = mPower[k].remaining;
+        ev->count = 3;
+    } else if (code == 204) {
+        ev->params[2] = mPower[k].reportValue;
+        ev->count = 3;
+    }
+    return true;
+}
+
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev) { fill(ev, 5, 501, {}); }
+
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev, int flag) { fill(ev, 5, 501, {flag}); }
+
+void StCTrl::setPutUpsStatusEvent(EVENTMSGINFO* ev) { fill(ev, 8, 602, {}); }
+
+int StCTrl::searchNo(const int32_t* list, int count, int value)
+{
+    for (int i = 0; i < count; ++i)
+        if (list[i] == value)
+            return 0;
+    return 1;
+}
+
+// ---------------------------------------------------------------- posting helpers
+
+void StCTrl::postLog(int code, int owner)
+{
+    EVENTMSGINFO ev;
+    if (setPowerLogEvent(&ev, code, owner))
+        post(&ev);
+}
+
+void StCTrl::postTimerStart(int id, int expiry, int interval, int owner)
+{
+    EVENTMSGINFO ev;
+    fill(&ev, 0, 100, {id, expiry, interval, owner});
+    post(&ev);
+}
+
+void StCTrl::postTimerStop(int id)
+{
+    EVENTMSGINFO ev;
+    fill(&ev, 0, 102, {id});
+    post(&ev);
+}
+
+void StCTrl::postMeterControl(int flag)
+{
+    EVENTMSGINFO ev;
+    setMeterLogEvent(&ev, flag);
+    post(&ev);
+}
+
+void StCTrl::restartMeterTimer()
+{
+    EVENTMSGINFO ev;
+    setMeterTimerStopEvent(&ev);
+    post(&ev);
+    setMeterTimerStartEvent(&ev);
+    post(&ev);
+}

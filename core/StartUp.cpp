@@ -1,0 +1,3 @@
+#include "core/StartUp.h"
+
+int StartUp::run(int, char**) { return 1; }

@@ -1,0 +1,16 @@
+#include "ipc/GetHostNameTh.h"
+
+#include "control/StCTrl.h"
+#include "core/Globals.h"
+
+GetHostNameTh::GetHostNameTh(int number) : tthread(number) {}
+
+GetHostNameTh::~GetHostNameTh() {}
+
+void GetHostNameTh::thread_main()
+{
+    // Takes the events addressed to this thread; their handling is not built yet.
+    EVENTMSGINFO ev;
+    for (;;)
+        gCStCtrl.GetEvent(&ev, GetMyThrad());
+}
