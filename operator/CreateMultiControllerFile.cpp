@@ -1,0 +1,50 @@
+#include "operator/CreateMultiControllerFile.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "config/FileMap.h"
+#include "core/Globals.h"
+
+namespace {
+int num(FileMap* map, const char* key) { return static_cast<int>(strtol(map->getConf(key).c_str(), nullptr, 10)); }
+} // namespace
+
+int CreateMultiControllerFile::CheckControllerFile(const std::string&, int, const std::string& dir,
+                                                   DG2_ShutdownTimming* timing, bool* changed)
+{
+    FileMap* map = new FileMap(dir + "Membercnt.cfg");
+    if (!map->isLoaded()) {
+        delete map;
+        gpm_Memcnt = nullptr;
+        return 1;
+    }
+    gpm_Memcnt = map;
+    if (changed)
+        *changed = false;
+    if (!timing)
+        return 0;
+    // The timing last received from the controller, when the member file
+    // holds one; a value that differs from "Kestrava.ini" marks a change.
+    if (map->getConf("WinkTime").empty())
+        return 0;
+    timing->winkTime = num(map, "WinkTime");
+    timing->shutdownTime = num(map, "ShutdownTime");
+    timing->appTermTimeOut = num(map, "AppTermTimeOut");
+    timing->shutdownDelay = num(map, "ShutdownDelay");
+    std::string cmd = map->getConf("AppTermCommand");
+    strncpy(timing->appTermCommand, cmd.c_str(), sizeof timing->appTermCommand - 1);
+    timing->appTermCommand[sizeof timing->appTermCommand - 1] = 0;
+    if (changed && gpMapConfig) {
+        *changed = num(gpMapConfig, "WinkTime1") != timing->winkTime ||
+                   num(gpMapConfig, "ShutdownTime1") != timing->shutdownTime ||
+                   num(gpMapConfig, "AppTermTimeOut1") != timing->appTermTimeOut ||
+                   num(gpMapConfig, "ShutdownDelay1") != timing->shutdownDelay ||
+                   gpMapConfig->getConf("AppTermCommand1") != cmd;
+    }
+    return 0;
+}
+
+void CreateMultiControllerFile::WriteControllerInf(const ShutCNT&) {}
+
+void CreateMultiControllerFile::WriteShutdownLog(int, int, int, int, int, const std::string&, const std::string&) {}
