@@ -1,16 +1,364 @@
 #include "log/LogTh.h"
 
-#include "control/StCTrl.h"
-#include "core/Globals.h"
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <syslog.h>
+#include <type_traits>
+#include <unistd.h>
+#include <utility>
 
-LogTh::LogTh(int number) : tthread(number) {}
+#include "config/FileMap.h"
+#include "control/StCTrl.h"
+#include "core/Clock.h"
+#include "core/ShellRunner.h"
+#include "ipc/IpcCTrlMTh.h"
+#include "operator/CreateMultiControllerFile.h"
+
+namespace {
+
+std::string conf(const std::string& key) { return gpMapConfig ? gpMapConfig->getConf(key) : std::string(); }
+
+std::string indexed(const char* family, int n)
+{
+    char key[64];
+    snprintf(key, sizeof key, "%s%d", family, n);
+    return key;
+}
+
+void replaceFirst(std::string* text, const std::string& what, const std::string& with)
+{
+    std::string::size_type at = text->find(what);
+    if (at != std::string::npos)
+        text->replace(at, what.size(), with);
+}
+
+// The display type and display host name of a member-side thread: type 1
+// names the controller by its group name, type 2 by its host name, any
+// other type by its address. Written against the thread class as it grows:
+// a thread that offers no display type counts as "any other type".
+template <typename T, typename = void>
+struct HasDisplayType : std::false_type {};
+template <typename T>
+struct HasDisplayType<T, std::void_t<decltype(static_cast<int>(std::declval<T&>().GetDisplayType()))>>
+    : std::true_type {};
+
+template <typename T, typename = void>
+struct HasDisplayHostName : std::false_type {};
+template <typename T>
+struct HasDisplayHostName<T, std::void_t<decltype(std::string(std::declval<T&>().GeDisplayHostName()))>>
+    : std::true_type {};
+
+template <typename T>
+int displayType(T* thread)
+{
+    if constexpr (HasDisplayType<T>::value)
+        return static_cast<int>(thread->GetDisplayType());
+    else
+        return 0;
+}
+
+template <typename T>
+std::string displayHostName(T* thread, int slot)
+{
+    if constexpr (HasDisplayHostName<T>::value)
+        return std::string(thread->GeDisplayHostName());
+    else
+        return conf(indexed("HostName", slot));
+}
+
+} // namespace
+
+LogTh::LogTh(int number, StCTrl* ctrl, Clock* clock)
+    : tthread(number), mCtrl(ctrl), mClock(clock), mVariant(0), mMapPresent(0), mHostNameSource(&::gethostname),
+      mMeter(ctrl)
+{
+}
 
 LogTh::~LogTh() {}
 
+void LogTh::setMessageMapPresent(int flag) { mMapPresent = flag; }
+
+void LogTh::setHostNameSource(HostNameSource source) { mHostNameSource = source ? source : &::gethostname; }
+
 void LogTh::thread_main()
 {
-    // Takes the events addressed to this thread; their handling is not built yet.
     EVENTMSGINFO ev;
-    for (;;)
-        gCStCtrl.GetEvent(&ev, GetMyThrad());
+    for (;;) {
+        mCtrl->GetEvent(&ev, GetMyThrad());
+        writeLog(&ev);
+    }
+}
+
+time_t LogTh::now() { return mClock ? mClock->now() : Clock::system().now(); }
+
+std::string LogTh::logDirectory() { return conf("Path") + "/log" + "/"; }
+
+void LogTh::writeLog(EVENTMSGINFO* ev)
+{
+    switch (ev->code) {
+    case 300:
+        ReportCountdown(ev->params[0], ev->params[1]);
+        break;
+    case 301:
+        ReportCancel(ev->params[0]);
+        break;
+    case 304:
+        scheduleShutdown(ev->params[0], ev->params[1]);
+        break;
+    case 305:
+        scheduleCancel(ev->params[0]);
+        break;
+    case 500:
+        ensureLogDirectory();
+        eventLogLines(ev, now());
+        break;
+    case 501:
+        ensureLogDirectory();
+        mMeter.writeLine(ev, logDirectory(), now());
+        break;
+    case 502:
+        mMeter.deleteExpired(logDirectory(), now());
+        break;
+    case 503:
+        ReloadAlertFile(ev->params[0]);
+        break;
+    case 504:
+        controllerInformation();
+        break;
+    case 505:
+        shutdownLog(ev->params[0]);
+        break;
+    default:
+        break;
+    }
+}
+
+int LogTh::write(std::string* path, std::string* line)
+{
+    FILE* f = fopen(path->c_str(), "a");
+    if (!f)
+        return 0;
+    fprintf(f, "%s\n", line->c_str());
+    fclose(f);
+    return 1;
+}
+
+// ---------------------------------------------------------------- event log
+
+void LogTh::eventLogLines(const EVENTMSGINFO* ev, time_t t)
+{
+    int count = ev->count > 256 ? 256 : ev->count;
+    if (count <= 1)
+        return;
+
+    tzset();
+    struct tm tmv;
+    memset(&tmv, 0, sizeof tmv);
+    localtime_r(&t, &tmv);
+    char name[32];
+    snprintf(name, sizeof name, "%d%02d.log", tmv.tm_year + 1900, tmv.tm_mon + 1);
+    std::string path = logDirectory() + name;
+    char stamp[64];
+    snprintf(stamp, sizeof stamp, "%d/%02d/%02d %02d:%02d:%02d ", tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday,
+             tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+
+    const int index = ev->params[0];
+    std::string suffix;
+    if (index > 1 && conf("UPSController") != "1")
+        originSuffix(&suffix, index);
+
+    std::string host = hostName();
+    // Item i is the message number in parameter i + 1; the parameter after
+    // it is the value a "$MINUTES" of that message stands for.
+    for (int i = 0; i < count - 1; ++i) {
+        std::string line = stamp + suffix + message(std::to_string(ev->params[i + 1]));
+        int minutes = i + 2 < 256 ? ev->params[i + 2] : 0;
+        replaceFirst(&line, "$MACHINE", host);
+        replaceFirst(&line, "$MINUTES", std::to_string(minutes));
+        replaceFirst(&line, "$SEGMENT", "");
+        write(&path, &line);
+    }
+}
+
+void LogTh::originSuffix(std::string* out, int index)
+{
+    out->clear();
+    int slot = index - 7;
+    if (index < 8 || index > 11)
+        return;
+    IpcCTrlMTh* thread = g_pMemberTh[index - 8];
+    if (!thread)
+        return;
+    std::string name;
+    switch (displayType(thread)) {
+    case 1:
+        name = gpm_Memcnt ? gpm_Memcnt->getConf(indexed("UGName", slot)) : std::string();
+        break;
+    case 2:
+        name = displayHostName(thread, slot);
+        break;
+    default:
+        name = conf(indexed("CtrlIPAddress", slot));
+        break;
+    }
+    *out = "(" + name + ")";
+}
+
+std::string LogTh::message(const std::string& number)
+{
+    if (!mMapPresent || !gpMapMessage)
+        return std::string();
+    return gpMapMessage->getConf(number);
+}
+
+std::string LogTh::hostName()
+{
+    char name[256];
+    memset(name, 0, sizeof name);
+    if (mHostNameSource(name, sizeof name - 1) != 0 || name[0] == 0)
+        return "localhost";
+    return name;
+}
+
+// ---------------------------------------------------------------- log directory
+
+void LogTh::ensureLogDirectory()
+{
+    std::string path = conf("Path");
+    if (path.empty()) {
+        // Never create a "log" directory at the root of the file system.
+        reportLogDirectoryProblem("the configuration key \"Path\" is empty; no log is written");
+        return;
+    }
+    std::string dir = path + "/log";
+    if (mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) {
+        mLogDirProblem.clear();
+        return;
+    }
+    reportLogDirectoryProblem("cannot create the log directory " + dir + ": " + strerror(errno));
+}
+
+void LogTh::reportLogDirectoryProblem(const std::string& problem)
+{
+    // Each problem is reported once, not at every event.
+    if (problem == mLogDirProblem)
+        return;
+    mLogDirProblem = problem;
+    fprintf(stderr, "kestrava: %s\n", problem.c_str());
+    syslog(LOG_DAEMON | LOG_ERR, "%s", problem.c_str());
+}
+
+// ---------------------------------------------------------------- broadcasts
+
+void LogTh::MsgDisp(const char* text)
+{
+    ShellRunner& shell = ShellRunner::system();
+    if (shell.run(std::string("wall ") + text) == 0)
+        return;
+    // The shell could not take the text as an argument: hand it to "wall"
+    // in a file instead.
+    std::string spill = gHomeDir + "SndMsgStr.tmp";
+    unlink(spill.c_str());
+    std::string line = text;
+    write(&spill, &line);
+    shell.run("wall " + spill);
+    unlink(spill.c_str());
+}
+
+void LogTh::GetCtrlName(std::string* out, int index)
+{
+    if (conf("UPSController") == "1") {
+        out->clear();
+        return;
+    }
+    *out = "\\(" + conf(indexed("CtrlIPAddress", index - 7)) + "\\)";
+}
+
+void LogTh::ReportCountdown(int minutes, int index)
+{
+    std::string text;
+    GetCtrlName(&text, index);
+    if (minutes == 1) {
+        text += message("1");
+    } else {
+        text += message("0");
+        replaceFirst(&text, "$MINUTES", std::to_string(minutes));
+    }
+    replaceFirst(&text, "$MACHINE", hostName());
+    MsgDisp(text.c_str());
+}
+
+void LogTh::ReportCancel(int index)
+{
+    std::string text;
+    GetCtrlName(&text, index);
+    text += message("2");
+    replaceFirst(&text, "$MACHINE", hostName());
+    MsgDisp(text.c_str());
+}
+
+void LogTh::scheduleShutdown(int minutes, int index)
+{
+    std::string text;
+    GetCtrlName(&text, index);
+    text += message("204");
+    replaceFirst(&text, "$MINUTES", std::to_string(minutes));
+    MsgDisp(text.c_str());
+}
+
+void LogTh::scheduleCancel(int index)
+{
+    std::string text;
+    GetCtrlName(&text, index);
+    text += message("206");
+    MsgDisp(text.c_str());
+}
+
+// ---------------------------------------------------------------- message file
+
+void LogTh::ReloadAlertFile(int mode)
+{
+    int wanted = mode == 3 ? 3 : 1;
+    if (wanted == mVariant)
+        return;
+    std::string path = conf("Path") + "/" + (wanted == 3 ? "alert3so.rc" : "alert.rc");
+    FileMap* fresh = new FileMap(path);
+    if (!fresh->isLoaded()) {
+        delete fresh;
+        // The old map is left to the process exit: another thread may
+        // still be reading it.
+        gpMapMessage = nullptr;
+        fprintf(stderr, "kestrava: cannot read the message file %s; stopping\n", path.c_str());
+        syslog(LOG_DAEMON | LOG_ERR, "cannot read the message file %s; stopping", path.c_str());
+        exit(1);
+    }
+    // The new map is complete before it replaces the old one, so readers
+    // never see a half-loaded map.
+    FileMap* old = gpMapMessage;
+    gpMapMessage = fresh;
+    if (mMapPresent)
+        delete old;
+    mMapPresent = 1;
+    mVariant = wanted;
+}
+
+// ---------------------------------------------------------------- member files
+
+void LogTh::controllerInformation()
+{
+    ShutCNT info;
+    mCtrl->GetContInfo(&info);
+    CreateMultiControllerFile::WriteControllerInf(info);
+}
+
+void LogTh::shutdownLog(int slot)
+{
+    CreateMultiControllerFile::WriteShutdownLog(slot, mCtrl->getWinkTime(slot), mCtrl->getCountdownTime(slot),
+                                                mCtrl->getAppEndTime(slot), mCtrl->getShutdownDelay(slot),
+                                                mCtrl->getRunCommand(slot), conf(indexed("CtrlIPAddress", slot + 1)));
 }

@@ -1,0 +1,135 @@
+#include "log/MeterLog.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <string>
+#include <type_traits>
+#include <unistd.h>
+#include <utility>
+
+#include "config/FileMap.h"
+#include "control/StCTrl.h"
+#include "core/Globals.h"
+#include "log/LogTh.h"
+#include "xcp/UpsDataBlock.h"
+
+const char* const MeterLog::kNoData =
+    "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"";
+
+namespace {
+
+std::string conf(const char* key) { return gpMapConfig ? gpMapConfig->getConf(key) : std::string(); }
+
+void replaceFirst(std::string* text, const std::string& what, const std::string& with)
+{
+    std::string::size_type at = text->find(what);
+    if (at != std::string::npos)
+        text->replace(at, what.size(), with);
+}
+
+struct tm localDate(time_t t)
+{
+    struct tm tmv;
+    memset(&tmv, 0, sizeof tmv);
+    tzset();
+    localtime_r(&t, &tmv);
+    return tmv;
+}
+
+// The UPS data's six-meter summary. Written against the UPS data record as
+// it grows: a record without a summary yet reads as "no data".
+template <typename T, typename = void>
+struct HasMeterMessage : std::false_type {};
+template <typename T>
+struct HasMeterMessage<T, std::void_t<decltype(std::string(std::declval<T&>().getMeterMessage()))>>
+    : std::true_type {};
+
+template <typename T>
+std::string meterMessage(T* ups)
+{
+    if constexpr (HasMeterMessage<T>::value) {
+        if (ups)
+            return std::string(ups->getMeterMessage());
+    }
+    return MeterLog::kNoData;
+}
+
+} // namespace
+
+MeterLog::MeterLog(StCTrl* ctrl) : mCtrl(ctrl) {}
+
+std::string MeterLog::fileName(time_t t)
+{
+    struct tm tmv = localDate(t);
+    char name[64];
+    snprintf(name, sizeof name, "%d%02d%02d.vlg", tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday);
+    return name;
+}
+
+std::string MeterLog::timePart(time_t t)
+{
+    struct tm tmv = localDate(t);
+    char part[128];
+    snprintf(part, sizeof part, "\"%d/%02d/%02d %02d:%02d:%02d\",\"%i\",", tmv.tm_year + 1900, tmv.tm_mon + 1,
+             tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, static_cast<int>(t));
+    return part;
+}
+
+bool MeterLog::body(const EVENTMSGINFO* ev, std::string* out)
+{
+    if (ev->count != 0) {
+        int index = ev->params[0];
+        // An event text index outside the table has no text.
+        if (index < 0 || index >= 12)
+            return false;
+        *out = ksStrctMeterAlarm[index];
+        replaceFirst(out, "$DAYS", conf("DumpLogDays"));
+        replaceFirst(out, "$MINUTES", conf("DumpLogRate"));
+        return true;
+    }
+    if (mCtrl->GetStateUPS() == 3)
+        *out = kNoData;
+    else
+        *out = meterMessage(gUpsData);
+    return true;
+}
+
+int MeterLog::writeLine(const EVENTMSGINFO* ev, const std::string& dir, time_t now)
+{
+    std::string text;
+    if (!body(ev, &text))
+        return 0;
+    std::string path = dir + fileName(now);
+    std::string line = timePart(now) + text;
+    return LogTh::write(&path, &line);
+}
+
+int MeterLog::deleteExpired(const std::string& dir, time_t now)
+{
+    struct dirent** list = nullptr;
+    int n = scandir(dir.c_str(), &list, nullptr, alphasort);
+    if (n < 0)
+        return 0;
+
+    long days = strtol(conf("DumpLogDays").c_str(), nullptr, 10);
+    struct tm cut = localDate(now - static_cast<time_t>(days) * 86400);
+    char cutText[32];
+    snprintf(cutText, sizeof cutText, "%04d%02d%02d", cut.tm_year + 1900, cut.tm_mon + 1, cut.tm_mday);
+    long cutoff = strtol(cutText, nullptr, 10);
+
+    int deleted = 0;
+    for (int i = 0; i < n; ++i) {
+        const char* name = list[i]->d_name;
+        // Shorter names (the monthly event logs, "." and "..") are never touched.
+        if (strlen(name) >= 11 && strtol(name, nullptr, 10) < cutoff) {
+            std::string path = dir + name;
+            if (unlink(path.c_str()) == 0)
+                ++deleted;
+        }
+        free(list[i]);
+    }
+    free(list);
+    return deleted;
+}

@@ -1,0 +1,204 @@
+// Tests of the daily meter log: file per local day, line layout, event
+// texts with their placeholders, the no-data line, and the deletion of
+// expired files. Runs in a private temporary directory, in UTC.
+#include "log/MeterLog.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "config/FileMap.h"
+#include "control/StCTrl.h"
+#include "core/Globals.h"
+#include "log/LogTh.h"
+#include "tests/fakes/ManualClock.h"
+#include "xcp/UpsDataBlock.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+time_t utc(int y, int mo, int d, int h, int mi, int s)
+{
+    struct tm t;
+    memset(&t, 0, sizeof t);
+    t.tm_year = y - 1900;
+    t.tm_mon = mo - 1;
+    t.tm_mday = d;
+    t.tm_hour = h;
+    t.tm_min = mi;
+    t.tm_sec = s;
+    return timegm(&t);
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeFile(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+EVENTMSGINFO meterEvent(std::vector<int> params)
+{
+    EVENTMSGINFO ev;
+    memset(&ev, 0, sizeof ev);
+    ev.to = 5;
+    ev.code = 501;
+    ev.count = static_cast<int>(params.size());
+    for (size_t i = 0; i < params.size(); ++i)
+        ev.params[i] = params[i];
+    return ev;
+}
+
+class MeterLogTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        char tmpl[] = "/tmp/meterlog_test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        logDir = dir + "/log/";
+        fs::create_directories(logDir);
+        writeFile(dir + "/Kestrava.ini", "Path=" + dir + "\nDumpLogRate=10\nDumpLogDays=30\nUPSController=1\n");
+
+        savedConfig = gpMapConfig;
+        savedUps = gUpsData;
+        config = new FileMap(dir + "/Kestrava.ini");
+        gpMapConfig = config;
+        ctrl = new StCTrl(&clock, config);
+        ctrl->Set_State_UPS(2);
+    }
+
+    void TearDown() override
+    {
+        delete ctrl;
+        delete config;
+        gpMapConfig = savedConfig;
+        gUpsData = savedUps;
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
+
+    std::set<std::string> files()
+    {
+        std::set<std::string> names;
+        for (const auto& e : fs::directory_iterator(logDir))
+            names.insert(e.path().filename().string());
+        return names;
+    }
+
+    std::string dir;
+    std::string logDir;
+    ManualClock clock;
+    FileMap* config = nullptr;
+    StCTrl* ctrl = nullptr;
+    FileMap* savedConfig = nullptr;
+    UpsDataBlock* savedUps = nullptr;
+};
+
+TEST_F(MeterLogTest, EventTextsWithRateAndRetention)
+{
+    MeterLog meter(ctrl);
+    time_t t = utc(2026, 11, 14, 10, 20, 30);
+    EVENTMSGINFO ev = meterEvent({11});
+    EXPECT_EQ(meter.writeLine(&ev, logDir, t), 1);
+    ev = meterEvent({0});
+    meter.writeLine(&ev, logDir, t);
+    // An index outside the table writes nothing.
+    ev = meterEvent({12});
+    EXPECT_EQ(meter.writeLine(&ev, logDir, t), 0);
+    ev = meterEvent({-1});
+    EXPECT_EQ(meter.writeLine(&ev, logDir, t), 0);
+
+    const std::string stamp = "\"2026/11/14 10:20:30\",\"" + std::to_string(t) + "\",";
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp + "\"Log rate set to 10 minutes, size 30 days\"\n" + stamp +
+                                                     "\"Log started\"\n");
+    EXPECT_EQ(ksStrctMeterAlarm[10], "\"Comm Fail Resolved\"");
+}
+
+TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
+{
+    MeterLog meter(ctrl);
+    UpsDataBlock ups;
+    gUpsData = &ups;
+    time_t t = utc(2026, 11, 13, 23, 59, 59);
+    EVENTMSGINFO ev = meterEvent({});
+
+    // Communication lost: six "NoData" fields whatever the UPS data holds.
+    ctrl->Set_State_UPS(3);
+    meter.writeLine(&ev, logDir, t);
+    // Communication up: the UPS data's meter summary; a measurement at
+    // midnight starts the new day's file.
+    ctrl->Set_State_UPS(2);
+    meter.writeLine(&ev, logDir, t + 1);
+
+    const std::string noData = "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"";
+    EXPECT_EQ(readFile(logDir + "20261113.vlg"),
+              "\"2026/11/13 23:59:59\",\"" + std::to_string(t) + "\"," + noData + "\n");
+    std::string body;
+    ASSERT_TRUE(meter.body(&ev, &body));
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"),
+              "\"2026/11/14 00:00:00\",\"" + std::to_string(t + 1) + "\"," + body + "\n");
+    EXPECT_NE(body, noData);
+}
+
+TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
+{
+    for (const char* name : {"20261031.vlg", "20261106.vlg", "20261107.vlg", "20261114.vlg", "202611.log",
+                             "202610.log", "notes.txt", "00000000.txt"})
+        writeFile(logDir + name, "x\n");
+    fs::create_directories(logDir + "20200101_dir");
+    config->setConf("DumpLogDays", "7");
+
+    MeterLog meter(ctrl);
+    EXPECT_EQ(meter.deleteExpired(logDir, utc(2026, 11, 14, 12, 0, 0)), 3);
+    EXPECT_EQ(files(), (std::set<std::string>{"20261107.vlg", "20261114.vlg", "202611.log", "202610.log", "notes.txt",
+                                              "20200101_dir"}));
+
+    // Without a retention every file dated before today goes.
+    writeFile(logDir + "20261113.vlg", "x\n");
+    config->setConf("DumpLogDays", "");
+    EXPECT_EQ(meter.deleteExpired(logDir, utc(2026, 11, 14, 0, 0, 0)), 2);
+    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg", "202611.log", "202610.log", "notes.txt",
+                                              "20200101_dir"}));
+
+    // An unreadable directory deletes nothing.
+    EXPECT_EQ(meter.deleteExpired(dir + "/nothing/", utc(2026, 11, 14, 0, 0, 0)), 0);
+}
+
+TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
+{
+    LogTh log(5, ctrl, &clock);
+    clock.set(utc(2026, 11, 14, 6, 0, 0));
+    writeFile(logDir + "20261001.vlg", "x\n");
+
+    EVENTMSGINFO ev = meterEvent({1});
+    log.writeLog(&ev);
+    ev = meterEvent({});
+    ev.code = 502;
+    log.writeLog(&ev);
+
+    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"),
+              "\"2026/11/14 06:00:00\",\"" + std::to_string(clock.now()) + "\",\"Log stopped\"\n");
+}
+
+} // namespace
