@@ -1,16 +1,168 @@
 #include "control/TimerIFTh.h"
 
-#include "control/StCTrl.h"
-#include "core/Globals.h"
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <unistd.h>
 
-TimerIFTh::TimerIFTh(int number) : tthread(number) {}
+#include "control/StCTrl.h"
+#include "core/Clock.h"
+
+TimerIFTh::TimerIFTh(int number, StCTrl* ctrl, Clock* clock)
+    : tthread(number), mLast(0), mCtrl(ctrl), mClock(clock ? clock : &Clock::system()), mStop(false)
+{
+    for (Slot& s : mSlots) {
+        s.active = false;
+        s.entry = mTimers.end();
+    }
+    mMutex.MutexInit(kListLock);
+    mLast = mClock->now();
+}
 
 TimerIFTh::~TimerIFTh() {}
 
+int TimerIFTh::Timer_Start(TimerMng* tm)
+{
+    const int id = tm->id;
+    if (!validId(id))
+        return id;
+    mMutex.Lock(kListLock);
+    if (!mSlots[id].active) {
+        mSlots[id].entry = mTimers.insert(mTimers.end(), *tm);
+        mSlots[id].active = true;
+    }
+    mMutex.unLock(kListLock);
+    return id;
+}
+
+int TimerIFTh::Timer_Stop(int id)
+{
+    if (!validId(id) || !mSlots[id].active)
+        return 1;
+    mSlots[id].active = false;
+    mTimers.erase(mSlots[id].entry);
+    mSlots[id].entry = mTimers.end();
+    return 0;
+}
+
+int TimerIFTh::Timer_Cancel(int id)
+{
+    mMutex.Lock(kListLock);
+    Timer_Stop(id);
+    mMutex.unLock(kListLock);
+    return 0;
+}
+
+int TimerIFTh::Timer_Reset(int id, int seconds)
+{
+    if (!validId(id))
+        return 0;
+    int result = 0;
+    mMutex.Lock(kListLock);
+    if (mSlots[id].active) {
+        mSlots[id].entry->expiry += seconds;
+        result = id;
+    }
+    mMutex.unLock(kListLock);
+    return result;
+}
+
+void TimerIFTh::Timer_Cancel_All()
+{
+    mMutex.Lock(kListLock);
+    // Id 331 is outside this walk and survives a stop-all.
+    for (int id = 0; id <= 330; ++id)
+        Timer_Stop(id);
+    mMutex.unLock(kListLock);
+}
+
+void TimerIFTh::TimeOut_Set(_NOTIFYMSGINFO* nt, int id, int late, int owner)
+{
+    memset(nt, 0, sizeof *nt);
+    nt->code = 1000;
+    nt->count = 3;
+    nt->params[0] = id;
+    nt->params[1] = late;
+    nt->params[2] = owner;
+}
+
+void TimerIFTh::TimeOut_func()
+{
+    mMutex.Lock(kListLock);
+    const time_t now = mClock->now();
+    const time_t step = now - mLast;
+    if (step != 0 && step != 1) {
+        // The clock was set or ticks were missed: every timer keeps the time
+        // it still had to run.
+        if (mTimers.empty()) {
+            mLast = now;
+            mMutex.unLock(kListLock);
+            return;
+        }
+        for (TimerMng& t : mTimers)
+            t.expiry = static_cast<int32_t>(t.expiry + step);
+    }
+    // The controller's rules only post events while the notification runs,
+    // so the list cannot change under this walk except through Timer_Stop
+    // here, which is why the next entry is taken before the current one may
+    // be removed.
+    for (auto it = mTimers.begin(); it != mTimers.end();) {
+        auto next = std::next(it);
+        if (it->expiry <= now) {
+            _NOTIFYMSGINFO nt;
+            TimeOut_Set(&nt, it->id, static_cast<int>(now - it->expiry), it->owner);
+            if (it->interval == 0)
+                Timer_Stop(it->id);
+            else
+                it->expiry += it->interval; // once per tick, no catching up
+            mCtrl->SetNotify(&nt);
+        }
+        it = next;
+    }
+    mLast = now;
+    mMutex.unLock(kListLock);
+}
+
+bool TimerIFTh::isActive(int id)
+{
+    if (!validId(id))
+        return false;
+    mMutex.Lock(kListLock);
+    bool active = mSlots[id].active;
+    mMutex.unLock(kListLock);
+    return active;
+}
+
+int TimerIFTh::runningTimers()
+{
+    mMutex.Lock(kListLock);
+    int n = static_cast<int>(mTimers.size());
+    mMutex.unLock(kListLock);
+    return n;
+}
+
+void TimerIFTh::pause() { usleep(300 * 1000); }
+
 void TimerIFTh::thread_main()
 {
-    // Takes the events addressed to this thread; their handling is not built yet.
-    EVENTMSGINFO ev;
-    for (;;)
-        gCStCtrl.GetEvent(&ev, GetMyThrad());
+    mMutex.Lock(kListLock);
+    mLast = mClock->now();
+    mMutex.unLock(kListLock);
+
+    for (int i = 0; i < 2; ++i) {
+        pause();
+        TimeOut_func();
+    }
+    // The status check runs before two of every three ticks and is skipped
+    // before the third.
+    uint8_t c = 1;
+    while (!mStop.load()) {
+        mCtrl->CheckContInfo();
+        do {
+            c = static_cast<uint8_t>(c + 1);
+            pause();
+            TimeOut_func();
+            c = static_cast<uint8_t>(c % 3);
+        } while (c == 0);
+    }
 }

@@ -1,16 +1,55 @@
 #include "control/TimerTh.h"
 
-#include "control/StCTrl.h"
-#include "core/Globals.h"
+#include <cstring>
 
-TimerTh::TimerTh(int number) : tthread(number) {}
+#include "control/StCTrl.h"
+#include "core/ShellRunner.h"
+
+TimerTh::TimerTh(int number, TimerIFTh* timers, StCTrl* ctrl) : tthread(number), mTimers(timers), mCtrl(ctrl) {}
 
 TimerTh::~TimerTh() {}
 
 void TimerTh::thread_main()
 {
-    // Takes the events addressed to this thread; their handling is not built yet.
     EVENTMSGINFO ev;
-    for (;;)
-        gCStCtrl.GetEvent(&ev, GetMyThrad());
+    for (;;) {
+        mCtrl->GetEvent(&ev, GetMyThrad());
+        Event_CK(&ev);
+    }
+}
+
+void TimerTh::Event_CK(EVENTMSGINFO* ev)
+{
+    switch (ev->code) {
+    case 100: {
+        TimerMng tm;
+        tm.id = ev->params[0];
+        tm.expiry = ev->params[1];
+        tm.interval = ev->params[2];
+        tm.owner = ev->params[3];
+        mTimers->Timer_Start(&tm);
+        break;
+    }
+    case 102:
+        mTimers->Timer_Cancel(ev->params[0]);
+        break;
+    case 103:
+        mTimers->Timer_Cancel_All();
+        if (ev->params[0] != 0) {
+            _NOTIFYMSGINFO nt;
+            memset(&nt, 0, sizeof nt);
+            nt.code = 9001;
+            nt.count = 0;
+            mCtrl->SetNotify(&nt);
+        }
+        break;
+    case 104:
+        mTimers->Timer_Reset(ev->params[0], ev->params[1]);
+        break;
+    default:
+        // An unknown timer command is broadcast to the logged-in users as a
+        // diagnostic ("wrong").
+        ShellRunner::system().run("wall 間違い");
+        break;
+    }
 }
