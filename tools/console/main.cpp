@@ -1,0 +1,154 @@
+// kestrava-console: the operator's command-line client of the daemon's
+// console port. Checks that the daemon answers and changes configuration
+// keys of the running daemon.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "config/FileMap.h"
+#include "tools/console/ConsoleClient.h"
+
+namespace {
+
+const char* const kProgram = "kestrava-console";
+
+void usage(FILE* out)
+{
+    fprintf(out,
+            "Usage: %s [--port N] [--config FILE] [--timeout S] ping\n"
+            "       %s [--port N] [--config FILE] [--timeout S] set KEY VALUE\n"
+            "\n"
+            "Talks to the running Kestrava daemon on this machine (127.0.0.1) through\n"
+            "its console port.\n"
+            "\n"
+            "Commands:\n"
+            "  ping           check that the daemon answers\n"
+            "  set KEY VALUE  set the configuration key KEY to VALUE in the running\n"
+            "                 daemon, which also writes it to its Kestrava.ini when the\n"
+            "                 key already stands there (otherwise the value holds only\n"
+            "                 until the daemon restarts). Changes of \"DumpLogRate\",\n"
+            "                 \"AccessCode1\" and \"ShutdownDelay1\" act at once.\n"
+            "\n"
+            "Options:\n"
+            "  --port N       the daemon's console port\n"
+            "  --config FILE  the daemon's Kestrava.ini; the port is its \"CuiPort\"\n"
+            "                 value (used when --port is not given)\n"
+            "  --timeout S    seconds to wait for the connection and the answer\n"
+            "                 (default 5)\n"
+            "  --help         show this text\n"
+            "\n"
+            "Exit status: 0 done, 1 the daemon could not be reached or did not\n"
+            "answer, 2 wrong usage or unreadable configuration.\n",
+            kProgram, kProgram);
+}
+
+int usageError(const std::string& message)
+{
+    fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
+    fprintf(stderr, "Try '%s --help' for more information.\n", kProgram);
+    return 2;
+}
+
+// A decimal number in [low, high], or -1.
+long number(const char* text, long low, long high)
+{
+    if (!text || !*text)
+        return -1;
+    char* end = nullptr;
+    long v = strtol(text, &end, 10);
+    if (*end != 0 || v < low || v > high)
+        return -1;
+    return v;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    long port = -1;
+    long timeout = 5;
+    std::string config;
+    std::vector<std::string> words;
+
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            usage(stdout);
+            return 0;
+        }
+        if (arg == "--port" || arg == "--config" || arg == "--timeout") {
+            if (i + 1 >= argc)
+                return usageError("option " + arg + " needs a value");
+            const char* value = argv[++i];
+            if (arg == "--port") {
+                port = number(value, 1, 65535);
+                if (port < 0)
+                    return usageError(std::string("invalid port \"") + value + "\" (1 to 65535)");
+            } else if (arg == "--timeout") {
+                timeout = number(value, 1, 3600);
+                if (timeout < 0)
+                    return usageError(std::string("invalid timeout \"") + value + "\" (1 to 3600 seconds)");
+            } else {
+                config = value;
+            }
+            continue;
+        }
+        if (arg.size() > 2 && arg.compare(0, 2, "--") == 0)
+            return usageError("unknown option " + arg);
+        words.push_back(arg);
+    }
+
+    if (words.empty())
+        return usageError("no command given (ping or set)");
+    const std::string command = words[0];
+    if (command == "ping") {
+        if (words.size() != 1)
+            return usageError("ping takes no arguments");
+    } else if (command == "set") {
+        if (words.size() != 3)
+            return usageError("set needs KEY and VALUE");
+        std::string error;
+        if (ConsoleClient::checkSetArguments(words[1], words[2], &error) != 0)
+            return usageError(error);
+    } else {
+        return usageError("unknown command \"" + command + "\" (ping or set)");
+    }
+
+    if (port < 0) {
+        if (config.empty())
+            return usageError("give the console port with --port N or the daemon's Kestrava.ini with --config FILE");
+        FileMap ini(config);
+        if (!ini.isLoaded()) {
+            fprintf(stderr, "%s: cannot read %s\n", kProgram, config.c_str());
+            return 2;
+        }
+        std::string value = ini.getConf("CuiPort");
+        port = number(value.c_str(), 1, 65535);
+        if (port < 0) {
+            fprintf(stderr, "%s: %s has no valid \"CuiPort\" (found \"%s\")\n", kProgram, config.c_str(),
+                    value.c_str());
+            return 2;
+        }
+    }
+
+    ConsoleClient client(static_cast<int>(port), static_cast<int>(timeout));
+    std::string error;
+    if (command == "ping") {
+        if (client.ping(&error) != 0) {
+            fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+            return 1;
+        }
+        printf("%s: daemon answered\n", kProgram);
+        return 0;
+    }
+    const std::string& key = words[1];
+    const std::string& value = words[2];
+    if (client.set(key, value, &error) != 0) {
+        fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+        return 1;
+    }
+    printf("%s: %s set to %s\n", kProgram, key.c_str(), value.c_str());
+    return 0;
+}
