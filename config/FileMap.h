@@ -7,12 +7,16 @@
 #include <map>
 #include <pthread.h>
 #include <string>
+#include <utility>
 
 class FileMap {
 public:
     FileMap();
     explicit FileMap(std::string path);
     FileMap(std::string path, std::string lang);
+    // A literal language suffix would otherwise pick the bool constructor.
+    FileMap(std::string path, const char* lang)
+        : FileMap(std::move(path), std::string(lang != nullptr ? lang : "")) {}
     FileMap(std::string path, bool localised);
     virtual ~FileMap();
 

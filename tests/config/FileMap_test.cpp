@@ -449,6 +449,9 @@ TEST_F(FileMapTest, LanguageConstructors)
     EXPECT_EQ(withLang.fileName(), path("alert.rc.ja"));
     EXPECT_EQ(withLang.getConf("204"), "japanese");
 
+    FileMap literal(path("alert.rc"), "ja");
+    EXPECT_EQ(literal.fileName(), path("alert.rc.ja"));
+
     FileMap fallback(path("alert.rc"), std::string("de"));
     EXPECT_TRUE(fallback.isLoaded());
     EXPECT_EQ(fallback.fileName(), path("alert.rc"));
