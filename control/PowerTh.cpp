@@ -1,16 +1,67 @@
 #include "control/PowerTh.h"
 
-#include "control/StCTrl.h"
-#include "core/Globals.h"
+#include <cstring>
+#include <string>
 
-PowerTh::PowerTh(int number) : tthread(number) {}
+#include "control/StCTrl.h"
+#include "core/ShellRunner.h"
+#include "core/SystemPaths.h"
+
+PowerTh::PowerTh(int number, StCTrl* ctrl) : tthread(number), mCtrl(ctrl) { memset(&mNotify, 0, sizeof mNotify); }
 
 PowerTh::~PowerTh() {}
 
 void PowerTh::thread_main()
 {
-    // Takes the events addressed to this thread; their handling is not built yet.
     EVENTMSGINFO ev;
-    for (;;)
-        gCStCtrl.GetEvent(&ev, GetMyThrad());
+    for (;;) {
+        mCtrl->GetEvent(&ev, GetMyThrad());
+        handle(&ev);
+    }
 }
+
+void PowerTh::handle(EVENTMSGINFO* ev)
+{
+    switch (ev->code) {
+    case 303:
+        PowerShutdown();
+        break;
+    case 302:
+        TermCommand(ev->params[0]);
+        // Only the code is set: the count stays what the record last held.
+        mNotify.code = 3001;
+        notify(&mNotify);
+        break;
+    case 306:
+        mNotify.code = 6010;
+        mNotify.count = 3;
+        mNotify.params[0] = ev->params[0] - 1;
+        mNotify.params[1] = ev->params[1];
+        mNotify.params[2] = ev->params[2];
+        notify(&mNotify);
+        break;
+    default:
+        break;
+    }
+}
+
+int PowerTh::PowerShutdown() { return ShellRunner::system().run(SystemPaths::shutdownCommand()); }
+
+void PowerTh::TermCommand(int k)
+{
+    std::string cmd = mCtrl->getRunCommand(k);
+    if (cmd.empty())
+        return;
+    // The system runner forks twice, so the finished command is reaped by
+    // the system and this thread never waits for it.
+    ShellRunner::system().launchDetached(cmd);
+}
+
+void PowerTh::notify(_NOTIFYMSGINFO* nt) { mCtrl->SetNotify(nt); }
+
+void PowerTh::ReportCountdown(int) {}
+void PowerTh::PowerWrong(int) {}
+void PowerTh::ReportCancel() {}
+void PowerTh::PowerRecovery() {}
+void PowerTh::scheduleShutdown(int) {}
+void PowerTh::scheduleCancel() {}

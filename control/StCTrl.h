@@ -152,6 +152,11 @@ public:
 
     // ---- rules (run under slot 0 by SetNotify) ----
     void NotifyToEvent(_NOTIFYMSGINFO* nt);
+    // Logs the alarm codes of a poll result for slot n as events 500 (owner
+    // first, each code once, split before an event passes 255 parameters),
+    // translated by the slot's phase; cond, utility and elapsed are the poll
+    // result's first three values.
+    void logAlarmCodes(const int32_t* codes, int num, int cond, int utility, int elapsed, int n);
 
     // ---- countdown and shutdown timing ----
     void countdownStart(EVENTMSGINFO* ev, int elapsed, int n);
