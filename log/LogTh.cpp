@@ -330,9 +330,10 @@ void LogTh::ReloadAlertFile(int mode)
     FileMap* fresh = new FileMap(path);
     if (!fresh->isLoaded()) {
         delete fresh;
-        // The old map is left to the process exit: another thread may
-        // still be reading it.
+        FileMap* old = gpMapMessage;
         gpMapMessage = nullptr;
+        if (mMapPresent)
+            delete old;
         fprintf(stderr, "kestrava: cannot read the message file %s; stopping\n", path.c_str());
         syslog(LOG_DAEMON | LOG_ERR, "cannot read the message file %s; stopping", path.c_str());
         exit(1);
