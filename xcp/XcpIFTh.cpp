@@ -1,16 +1,338 @@
+// XcpIFTh: construction, the thread loop, event handling and the serial
+// link: opening the port, line speed and modem lines, framing a command,
+// and collecting and checking the (possibly multi-frame) reply.
 #include "xcp/XcpIFTh.h"
 
+#include <cstring>
+
+#include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "xcp/Sleeper.h"
+#include "xcp/TermiosSerialPort.h"
+#include "xcp/UpsDataBlock.h"
+#include "xcp/XcpTh.h"
 
-XcpIFTh::XcpIFTh(int number) : tthread(number) {}
+namespace {
+// Pauses that pace the UPS.
+const int kWritePauseMs = 500;
+const int kExchangePauseMs = 150;
+const int kReadPollMs = 50;
+// Receive retries: waiting for the first byte, collecting the rest, and
+// waiting for a frame's missing bytes.
+const int kFirstByteRetries = 40;
+const int kCollectReads = 10;
+const int kFrameRetries = 100;
 
-XcpIFTh::~XcpIFTh() {}
+unsigned char expectedBlock(unsigned char code)
+{
+    if (code >= 0x31 && code <= 0x56)
+        return static_cast<unsigned char>(code - 0x30);
+    if (code == 0xA0)
+        return 1;
+    return 9;
+}
+} // namespace
+
+XcpIFTh::XcpIFTh(int number, StCTrl* ctrl, SerialPort* port, FileMap** config, UpsDataBlock** data, XcpTh* events,
+                 Sleeper* sleeper)
+    : tthread(number), mPortFd(-1), mMaxCommandLength(kInitialMaxCommandLength), mMaxReplyLength(kMaxReplyLength),
+      mCommand(1, static_cast<char>(kStartByte)), mBaudrate(0), mPort(port), mOwnsPort(port == nullptr), mCtrl(ctrl),
+      mConfig(config), mData(data), mEvents(events), mSleeper(sleeper)
+{
+    if (mOwnsPort)
+        mPort = new TermiosSerialPort();
+}
+
+XcpIFTh::~XcpIFTh()
+{
+    if (mOwnsPort)
+        delete mPort;
+}
+
+void XcpIFTh::pause(int ms) { (mSleeper ? *mSleeper : Sleeper::real()).sleepMs(ms); }
+
+void XcpIFTh::post(_NOTIFYMSGINFO* nt)
+{
+    if (mCtrl)
+        mCtrl->SetNotify(nt);
+}
+
+// ---------------------------------------------------------------- thread and events
 
 void XcpIFTh::thread_main()
 {
-    // Takes the events addressed to this thread; their handling is not built yet.
-    EVENTMSGINFO ev;
-    for (;;)
-        gCStCtrl.GetEvent(&ev, GetMyThrad());
+    // At most one event a second, in arrival order.
+    for (;;) {
+        pause(1000);
+        commStart();
+    }
+}
+
+void XcpIFTh::commStart()
+{
+    _NOTIFYMSGINFO nt;
+    memset(&nt, 0, sizeof nt);
+    const int event = mEvents->getXcpEvent();
+    UpsDataBlock* ups = data();
+    switch (event) {
+    case 201:
+        if (polling() == XcpOk) {
+            checkNotify(&nt);
+        } else {
+            nt.code = 2003;
+            if (ups)
+                ups->setCommAlert(false);
+        }
+        post(&nt);
+        break;
+    case 200:
+        if (detect() == XcpOk) {
+            nt.code = 2000;
+            if (ups)
+                ups->setCommAlert(true);
+        } else {
+            nt.code = 2001;
+            if (ups)
+                ups->setCommAlert(false);
+        }
+        post(&nt);
+        break;
+    case 202:
+        // The UPS must get its stop; nothing is reported. An attempt that
+        // cannot reach the line pauses like a written one would.
+        for (;;) {
+            int r = upsStop();
+            if (r == XcpOk)
+                break;
+            if (r == XcpPortClosed)
+                pause(kWritePauseMs);
+        }
+        break;
+    case 203:
+        if (mPortFd < 1) {
+            if (portOpen()) {
+                nt.code = 2006;
+                if (ups)
+                    ups->setPortAlert(true);
+            } else {
+                nt.code = 2005;
+                if (ups)
+                    ups->setPortAlert(false);
+            }
+        } else if (detect() == XcpOk) {
+            nt.code = 2006;
+            if (ups)
+                ups->setCommAlert(true);
+        } else {
+            nt.code = 2005;
+        }
+        post(&nt);
+        break;
+    default:
+        break;
+    }
+}
+
+// ---------------------------------------------------------------- port
+
+int XcpIFTh::portOpen()
+{
+    portClose();
+    FileMap* config = mConfig ? *mConfig : nullptr;
+    std::string device = config ? config->getConf("DeviceName") : std::string();
+    mPortFd = mPort->open(device);
+    if (mPortFd < 0)
+        return 0;
+    flush();
+    if (!mPort->makeRaw())
+        return 0;
+    setRTS(true);
+    flush();
+    return 1;
+}
+
+void XcpIFTh::portClose()
+{
+    // The descriptor value stays as it was; only a new open replaces it.
+    setRTS(false);
+    mPort->close();
+}
+
+void XcpIFTh::setBaudrate(int rate)
+{
+    mPort->setSpeed(rate);
+    flush();
+}
+
+bool XcpIFTh::setRTS(bool on)
+{
+    if (mPortFd < 0)
+        return false;
+    mPort->setRTS(on);
+    return true;
+}
+
+bool XcpIFTh::setDTR(bool on)
+{
+    if (mPortFd < 0)
+        return false;
+    mPort->setDTR(on);
+    return true;
+}
+
+bool XcpIFTh::getModemStatus(int* status)
+{
+    if (mPortFd < 0)
+        return false;
+    return mPort->getModemStatus(status);
+}
+
+void XcpIFTh::flush()
+{
+    if (mPortFd >= 0)
+        mPort->flush();
+    mCommand.erase(1);
+}
+
+// ---------------------------------------------------------------- framing
+
+int XcpIFTh::sendCommand(const char* bytes, int count)
+{
+    if (mPortFd < 0) {
+        if (UpsDataBlock* ups = data())
+            ups->setPortAlert(false);
+        return XcpPortClosed;
+    }
+    return mPort->write(reinterpret_cast<const unsigned char*>(bytes), count);
+}
+
+unsigned char XcpIFTh::setCheckSum() const
+{
+    unsigned sum = 0;
+    for (unsigned char c : mCommand)
+        sum += c;
+    return static_cast<unsigned char>(0x100 - (sum & 0xFF));
+}
+
+int XcpIFTh::sendCommand()
+{
+    mCommand.insert(mCommand.begin() + 1, static_cast<char>((mCommand.size() - 1) & 0xFF));
+    mCommand.push_back(static_cast<char>(setCheckSum()));
+    if (mPortFd < 0) {
+        if (UpsDataBlock* ups = data())
+            ups->setPortAlert(false);
+        return XcpPortClosed;
+    }
+    if (mCommand.size() > mMaxCommandLength)
+        return XcpTooLong;
+    const int size = static_cast<int>(mCommand.size());
+    int written = mPort->write(reinterpret_cast<const unsigned char*>(mCommand.data()), size);
+    pause(kWritePauseMs);
+    return written == size ? XcpOk : XcpShortWrite;
+}
+
+int XcpIFTh::readMore(unsigned char* buf, int* fill)
+{
+    // Bytes beyond the receive buffer are never read; the exchange's flush
+    // discards them.
+    if (*fill >= mMaxReplyLength)
+        return 0;
+    int n = mPort->read(buf + *fill, mMaxReplyLength - *fill);
+    if (n <= 0)
+        return 0;
+    *fill += n;
+    return n;
+}
+
+int XcpIFTh::recvData(std::string* reply)
+{
+    const unsigned char code = mCommand.size() > 2 ? static_cast<unsigned char>(mCommand[2]) : 0;
+    const unsigned char block = expectedBlock(code);
+    if (mPortFd < 0)
+        return XcpPortClosed;
+
+    unsigned char buf[kMaxReplyLength];
+    memset(buf, 0, sizeof buf);
+    const int max = mMaxReplyLength;
+    int fill = 0;
+
+    if (readMore(buf, &fill) == 0) {
+        int tries = 0;
+        for (;;) {
+            pause(kReadPollMs);
+            if (readMore(buf, &fill) > 0)
+                break;
+            if (++tries >= kFirstByteRetries)
+                return XcpTimeout;
+        }
+    }
+    for (int i = 0; i < kCollectReads; ++i) {
+        pause(kReadPollMs);
+        readMore(buf, &fill);
+    }
+
+    // Walk the frames. A zero byte in the zero-filled buffer may be one that
+    // has not arrived yet, so it costs one more read before it is judged.
+    int pos = 0;
+    int sequence = 1;
+    for (;;) {
+        // The header (start, block, length, sequence) must fit.
+        if (pos + 4 > max)
+            return XcpTimeout;
+        if (buf[pos] == 0) {
+            pause(kReadPollMs);
+            readMore(buf, &fill);
+        }
+        if (buf[pos] != kStartByte)
+            return XcpNoStart;
+        if (buf[pos + 1] == 0) {
+            pause(kReadPollMs);
+            readMore(buf, &fill);
+        }
+        if (buf[pos + 1] != block)
+            return XcpWrongBlock;
+        if (buf[pos + 2] == 0) {
+            pause(kReadPollMs);
+            readMore(buf, &fill);
+        }
+        const int end = pos + 4 + buf[pos + 2];
+        // A frame whose checksum would lie beyond the receive buffer can
+        // never be completed.
+        if (end + 1 > max)
+            return XcpTimeout;
+        int tries = 0;
+        while (fill < end) {
+            pause(kReadPollMs);
+            readMore(buf, &fill);
+            if (++tries >= kFrameRetries)
+                return XcpTimeout;
+        }
+        unsigned sum = 0;
+        for (int i = pos; i < end; ++i)
+            sum += buf[i];
+        if (buf[end] == 0) {
+            pause(kReadPollMs);
+            readMore(buf, &fill);
+        }
+        if (buf[end] != static_cast<unsigned char>(0x100 - (sum & 0xFF)))
+            return XcpBadChecksum;
+        reply->append(reinterpret_cast<const char*>(buf + pos + 4), static_cast<size_t>(end - pos - 4));
+        const int seq = buf[pos + 3];
+        if (seq == sequence + 0x80)
+            return XcpOk;
+        if (seq != sequence)
+            return XcpBadSequence;
+        pos = end + 1;
+        ++sequence;
+    }
+}
+
+int XcpIFTh::communicateUps(std::string* reply)
+{
+    int r = sendCommand();
+    if (r == XcpOk)
+        r = recvData(reply);
+    flush();
+    pause(kExchangePauseMs);
+    return r;
 }
