@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,9 +50,19 @@ const mode_t kMemberDirMode = 777;
 }
 
 // Starts one worker; a thread that cannot be created ends the process at once.
+// Workers are created with the termination signal blocked, so the signal is
+// always taken by the main thread, which never holds the controller's or a
+// configuration map's lock while it waits: the termination handler, which
+// takes both, cannot deadlock against the thread it interrupted.
 void start(tthread& thread)
 {
-    if (thread.st() == false)
+    sigset_t term, previous;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, &previous);
+    bool started = thread.st();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (started == false)
         exit(1);
 }
 
