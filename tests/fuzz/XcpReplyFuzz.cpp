@@ -1,0 +1,107 @@
+// libFuzzer target of the UPS link's reply handling: arbitrary bytes arrive
+// (in arbitrary pieces) as the reply to a block request or command, go
+// through the frame walk and the block's parser, and are also handed to
+// every block parser and the alarm tracking directly.
+//
+// Input: byte 0 picks the request, byte 1 the size of the pieces the reply
+// arrives in, the rest is the reply.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "config/FileMap.h"
+#include "control/StCTrl.h"
+#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/ScriptedSerialPort.h"
+#include "xcp/UpsDataBlock.h"
+#include "xcp/XcpIFTh.h"
+#include "xcp/XcpTh.h"
+
+namespace {
+const unsigned char kCodes[] = {0xA0, 0x31, 0x33, 0x34, 0x35, 0x36, 0x3B, 0x3C,
+                                0x40, 0x41, 0x42, 0x43, 0x89, 0x8A, 0x93, 0x97};
+
+int request(XcpIFTh& link, unsigned char code)
+{
+    switch (code) {
+    case 0xA0:
+    case 0x31: {
+        std::string reply;
+        link.commandBuffer().push_back(static_cast<char>(code));
+        return link.communicateUps(&reply);
+    }
+    case 0x33: return link.standardUpsStatusDataBlockRequest();
+    case 0x34: return link.standardMetersBlockRequest();
+    case 0x35: return link.currentAlarmsAndEventsDataRequest();
+    case 0x36: return link.configBlockRequest();
+    case 0x3B: return link.batteryTestResultRequest();
+    case 0x3C: return link.extendedLimitsBlockRequest();
+    case 0x40: return link.commandListBlockRequest();
+    case 0x41: return link.outletMonitoringBlockRequest();
+    case 0x42: return link.communicationCapabilitiesBlockRequest();
+    case 0x43: return link.upsTopologyDataBlockRequest();
+    case 0x89: return link.setUPSOn(1);
+    case 0x8A: return link.upsStop();
+    case 0x93: return link.setScheduledUPSOnOff(2);
+    default: return link.sendOutletParameter(1);
+    }
+}
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    static ManualClock clock(1800000000);
+    static FileMap config;
+    static bool configured = false;
+    if (!configured) {
+        config.setConf("DeviceName", "/dev/fuzz");
+        configured = true;
+    }
+    static StCTrl ctrl(&clock, &config);
+    static XcpTh events(2, &ctrl);
+
+    const unsigned char code = kCodes[data[0] % sizeof kCodes];
+    const std::string bytes(reinterpret_cast<const char*>(data + 2), size - 2);
+
+    UpsDataBlock ups(&clock);
+    UpsDataBlock* upsPtr = &ups;
+    FileMap* configPtr = &config;
+    ScriptedSerialPort port;
+    XcpIFTh link(3, &ctrl, &port, &configPtr, &upsPtr, &events, &port.sleeper());
+    link.portOpen();
+    link.setMaxCommandLength(64);
+
+    // A first identification gives the parsers a meter map and lengths.
+    ups.setStandardIDBlock(bytes);
+
+    ScriptedSerialPort::Reply reply;
+    reply.bytes = bytes;
+    reply.chunk = data[1] % 40;
+    reply.gapMs = 50 * (data[1] / 40);
+    port.queueReply(code, reply);
+    request(link, code);
+    if (link.commandBuffer().size() != 1)
+        __builtin_trap();
+
+    ups.setConfigBlock(bytes);
+    ups.setExtendedLimitsBlock(bytes);
+    ups.setUpsTopology(bytes);
+    ups.setOutlets(bytes);
+    ups.setMeters(bytes);
+    ups.setUpsStatus(bytes);
+    ups.setBatteryData(bytes);
+    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
+    ups.setActionLevel(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
+    ups.checkAlarm(0);
+    ups.checkAlarm(1);
+    ups.getAlertDiffTime(1);
+    ups.getMeterMessage();
+    ups.getFirmware();
+    _NOTIFYMSGINFO nt;
+    link.checkNotify(&nt);
+    if (nt.count < 5 || nt.count > 256)
+        __builtin_trap();
+    return 0;
+}
