@@ -5,9 +5,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <string>
-#include <type_traits>
 #include <unistd.h>
-#include <utility>
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
@@ -36,24 +34,6 @@ struct tm localDate(time_t t)
     tzset();
     localtime_r(&t, &tmv);
     return tmv;
-}
-
-// The UPS data's six-meter summary. Written against the UPS data record as
-// it grows: a record without a summary yet reads as "no data".
-template <typename T, typename = void>
-struct HasMeterMessage : std::false_type {};
-template <typename T>
-struct HasMeterMessage<T, std::void_t<decltype(std::string(std::declval<T&>().getMeterMessage()))>>
-    : std::true_type {};
-
-template <typename T>
-std::string meterMessage(T* ups)
-{
-    if constexpr (HasMeterMessage<T>::value) {
-        if (ups)
-            return std::string(ups->getMeterMessage());
-    }
-    return MeterLog::kNoData;
 }
 
 } // namespace
@@ -92,7 +72,7 @@ bool MeterLog::body(const EVENTMSGINFO* ev, std::string* out)
     if (mCtrl->GetStateUPS() == 3)
         *out = kNoData;
     else
-        *out = meterMessage(gUpsData);
+        *out = gUpsData ? gUpsData->getMeterMessage() : std::string(kNoData);
     return true;
 }
 

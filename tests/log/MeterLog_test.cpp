@@ -139,6 +139,20 @@ TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
     MeterLog meter(ctrl);
     UpsDataBlock ups;
     gUpsData = &ups;
+    // Identification: one firmware entry, rating byte, two single bytes, no
+    // unit name, a meter map with the six summary meters as 32-bit integers,
+    // no alarm map. Then their values in ascending meter number.
+    std::string id = std::string("\x01\x01\x02\x01\x00\x00\x00", 7);
+    std::string map(79, '\0');
+    for (int m : {21, 27, 33, 56, 62, 78})
+        map[m] = '\xE2';
+    id += static_cast<char>(map.size()) + map + std::string(1, '\0');
+    ups.setStandardIDBlock(id);
+    std::string values;
+    for (int v : {5, 230, 48, 231, 50, 12})
+        values += std::string(1, static_cast<char>(v)) + std::string(3, '\0');
+    ups.setMeters(values);
+    ASSERT_EQ(ups.getMeterMessage(), "\"231.0\",\"12.0\",\"48.0\",\"230.0\",\"5.0\",\"50.0\"");
     time_t t = utc(2026, 11, 13, 23, 59, 59);
     EVENTMSGINFO ev = meterEvent({});
 
@@ -153,11 +167,12 @@ TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
     const std::string noData = "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"";
     EXPECT_EQ(readFile(logDir + "20261113.vlg"),
               "\"2026/11/13 23:59:59\",\"" + std::to_string(t) + "\"," + noData + "\n");
-    std::string body;
-    ASSERT_TRUE(meter.body(&ev, &body));
+    // Without a UPS data record a measurement has no data either.
+    gUpsData = nullptr;
+    meter.writeLine(&ev, logDir, t + 2);
     EXPECT_EQ(readFile(logDir + "20261114.vlg"),
-              "\"2026/11/14 00:00:00\",\"" + std::to_string(t + 1) + "\"," + body + "\n");
-    EXPECT_NE(body, noData);
+              "\"2026/11/14 00:00:00\",\"" + std::to_string(t + 1) + "\"," + ups.getMeterMessage() + "\n" +
+                  "\"2026/11/14 00:00:01\",\"" + std::to_string(t + 2) + "\"," + noData + "\n");
 }
 
 TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
