@@ -132,6 +132,18 @@ int StartUp::run(int argc, char** argv)
 
     // 1. Home directory: every per-installation file is named from it.
     gHomeDir = homeDirOf(argc > 0 ? argv[0] : nullptr);
+    // A relative home directory ("./", or none when started through PATH
+    // lookup from the current directory) is made absolute now, so that it
+    // still names the same directory after the daemon moves to "/".
+    if (gHomeDir.empty() || gHomeDir[0] != '/') {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd)) {
+            std::string base(cwd);
+            if (base.empty() || base.back() != '/')
+                base += '/';
+            gHomeDir = base + gHomeDir;
+        }
+    }
 
     // 2. Operator message texts.
     gpMapMessage = new (std::nothrow) FileMap(gHomeDir + "alert.rc");

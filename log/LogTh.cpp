@@ -174,14 +174,20 @@ void LogTh::eventLogLines(const EVENTMSGINFO* ev, time_t t)
 
     std::string host = hostName();
     // Item i is the message number in parameter i + 1; the parameter after
-    // it is the value a "$MINUTES" of that message stands for.
+    // it is the value a "$MINUTES" of that message stands for. A value so
+    // used (and the value that codes 0 and 204 always carry) is not read
+    // again as a message number of its own.
     for (int i = 0; i < count - 1; ++i) {
-        std::string line = stamp + suffix + message(std::to_string(ev->params[i + 1]));
+        const int code = ev->params[i + 1];
+        std::string line = stamp + suffix + message(std::to_string(code));
         int minutes = i + 2 < 256 ? ev->params[i + 2] : 0;
         replaceFirst(&line, "$MACHINE", host);
+        bool usedValue = line.find("$MINUTES") != std::string::npos;
         replaceFirst(&line, "$MINUTES", std::to_string(minutes));
         replaceFirst(&line, "$SEGMENT", "");
         write(&path, &line);
+        if ((usedValue || code == 0 || code == 204) && i + 1 < count - 1)
+            ++i;
     }
 }
 

@@ -18,9 +18,10 @@ CuiIFTh::CuiIFTh(int number, StCTrl* ctrl)
 
 CuiIFTh::~CuiIFTh()
 {
-    int fd = mListenSock.exchange(-1);
-    if (fd >= 0)
-        close(fd);
+    // The listening socket is left to the process exit: closing it here,
+    // while the static objects are destroyed at the end of the termination
+    // handler, would make the still-running accept() fail, and a failed
+    // accept ends the daemon with status 1 instead of 0.
 }
 
 void CuiIFTh::setListenAddress(const char* dotted)

@@ -187,9 +187,9 @@ TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
 TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
 {
     clock.set(utc(2026, 11, 14, 8, 5, 3));
-    // Message 0 with its value 5: every message number after the index is
-    // an item, so the value 5 is also written as message "5".
-    post(500, {1, 0, 5});
+    // Message 0 with its value 5: the value stands for "$MINUTES" and is
+    // not written again as message "5"; the next item is a message again.
+    post(500, {1, 0, 5, 5});
     EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
                                      "2026/11/14 08:05:03 five\n");
 
