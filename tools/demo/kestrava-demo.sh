@@ -37,6 +37,7 @@ home="$work/home"
 mkdir -p "$home" "$work/bin" "$work/lock"
 sim_pid=""
 tail_pid=""
+tail2_pid=""
 cleanup() {
     set +e
     if [ -f "$work/kestrava.pid" ]; then
@@ -44,6 +45,7 @@ cleanup() {
         [ -n "$dpid" ] && kill -KILL "$dpid" 2>/dev/null
     fi
     [ -n "$tail_pid" ] && kill "$tail_pid" 2>/dev/null
+    [ -n "$tail2_pid" ] && kill "$tail2_pid" 2>/dev/null
     [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null && wait "$sim_pid" 2>/dev/null
     exec 3>&- 2>/dev/null
     rm -rf "$work"
@@ -100,6 +102,10 @@ ln -s "$build/kestrava" "$home/kestrava"
 
 tail -n +1 -F "$story" 2>/dev/null | sed -u 's/^/   /' &
 tail_pid=$!
+mkdir -p "$home/log"
+eventlog="$home/log/$(date +%Y%m).log"
+tail -n +1 -F "$eventlog" 2>/dev/null | sed -u 's/^/   [event log] /' &
+tail2_pid=$!
 
 say "Starting the Kestrava controller"
 export KESTRAVA_PID_FILE="$work/kestrava.pid"
@@ -138,8 +144,9 @@ grep -E "RX AB 03 8A|8A" "$work/ups-frames.log" | grep RX | tail -n 1 | sed 's/^
 
 wait_for 60 "the host shutdown" shutdown_ran
 sleep 1
-say "Event log"
+kill "$tail_pid" "$tail2_pid" 2>/dev/null || true
+say "Event log ($eventlog)"
 cat "$home"/log/*.log 2>/dev/null | sed 's/^/   /'
-say "Meter log"
+say "Meter log (time, epoch seconds, then the event or input V, output V, battery V, Hz, W, degrees C)"
 cat "$home"/log/*.vlg 2>/dev/null | sed 's/^/   /'
 say "Demonstration complete"
