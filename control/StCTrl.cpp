@@ -429,7 +429,10 @@ void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { fill(ev, 4, 303, {}); }
 
 void StCTrl::setPowerWrongEvent(EVENTMSGINFO* ev, int n)
 {
-    fill(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].phase, n});
+    // The report announces the minutes left to the users (the log thread
+    // reads its first value as minutes), so it carries the slot's remaining
+    // minutes rather than its power phase.
+    fill(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].remaining, n});
 }
 
 void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { fill(ev, 5, 301, {n}); }

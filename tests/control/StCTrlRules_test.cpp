@@ -15,15 +15,14 @@
 
 namespace {
 
-// "to:code:p0,p1,..." for one event; the first value of a countdown report
-// (300) is left out as "*", the owner that follows it is kept.
+// "to:code:p0,p1,..." for one event.
 std::string describe(const EVENTMSGINFO& ev)
 {
     std::string s = std::to_string(ev.to) + ":" + std::to_string(ev.code) + ":";
     for (int i = 0; i < ev.count; ++i) {
         if (i)
             s += ",";
-        s += (ev.code == 300 && i == 0) ? std::string("*") : std::to_string(ev.params[i]);
+        s += std::to_string(ev.params[i]);
     }
     return s;
 }
@@ -155,7 +154,7 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
     member(3);
     report(10, 4, 3, 30);
     EXPECT_EQ(events(),
-              (V{"5:500:10,357", "5:500:10,14", "5:500:10,0,3", "5:300:*,10", "0:100:9," + at(60) + ",60,10"}));
+              (V{"5:500:10,357", "5:500:10,14", "5:500:10,0,3", "5:300:3,10", "0:100:9," + at(60) + ",60,10"}));
 }
 
 TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnce)
@@ -179,16 +178,16 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
 
     clock.advance(30);
     expire(3, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,3", "5:300:*,8",
+    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,3", "5:300:3,8",
                            "0:100:7," + at(60) + ",60,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseCountdown);
 
     clock.advance(60);
     expire(7, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,0,2", "5:300:*,8"}));
+    EXPECT_EQ(events(), (V{"5:500:8,0,2", "5:300:2,8"}));
     clock.advance(60);
     expire(7, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,1", "5:300:*,8"}));
+    EXPECT_EQ(events(), (V{"5:500:8,1", "5:300:1,8"}));
     clock.advance(60);
     expire(7, 8);
     EXPECT_EQ(events(), (V{"0:102:7,8", "5:500:8,3", "5:501:5", "2:202:", "4:302:0", "0:102:12,8",
@@ -217,7 +216,7 @@ TEST_F(Rules, RestorationWhileCountingDownCancels)
     controller();
     timing(1, 0, 2, 20, 120);
     report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,2", "5:300:*,8",
+    EXPECT_EQ(ruleEvents(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,2", "5:300:2,8",
                                "0:100:7," + at(60) + ",60,8"}));
     report(8, 4, 2, 0);
     EXPECT_EQ(ruleEvents(), (V{"5:500:8,2", "5:301:8", "5:501:3", "0:102:7,8"}));
