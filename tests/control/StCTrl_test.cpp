@@ -338,3 +338,23 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
     ASSERT_EQ(ev.size(), 3u);
     EXPECT_EQ(ev[0].params[0], 2);
 }
+
+TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownStarted)
+{
+    TempConfig cfg("UPSController=1\n");
+    ManualClock clock;
+    StCTrl ctrl(&clock, cfg.map.get());
+    ctrl.StartShutdown(0, 1);
+    ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
+    for (int code : {0, 1, 2, 204, 206}) {
+        EVENTMSGINFO ev{};
+        ev.code = 4242;
+        EXPECT_FALSE(ctrl.setPowerLogEvent(&ev, code, 8)) << code;
+        EXPECT_EQ(ev.code, 4242) << "a refused record must stay untouched";
+    }
+    for (int code : {3, 7, 208, 217}) {
+        EVENTMSGINFO ev{};
+        EXPECT_TRUE(ctrl.setPowerLogEvent(&ev, code, 8)) << code;
+        EXPECT_EQ(ev.params[1], code);
+    }
+}
