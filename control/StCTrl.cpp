@@ -15,19 +15,6 @@
 namespace {
 const int kNotifySlot = 0;
 const int kQueueSlot = 1;
-
-void clearEvent(EVENTMSGINFO* ev) { memset(ev, 0, sizeof *ev); }
-
-void fill(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
-{
-    clearEvent(ev);
-    ev->to = to;
-    ev->code = code;
-    ev->count = static_cast<int>(params.size());
-    int i = 0;
-    for (int p : params)
-        ev->params[i++] = p;
-}
 } // namespace
 
 StCTrl::StCTrl(Clock* clock, FileMap* config)
@@ -217,7 +204,7 @@ void StCTrl::CheckContInfo()
     mMutex.MEMInfoUnLock();
     if (changed) {
         EVENTMSGINFO ev;
-        fill(&ev, 5, 504, {});
+        makeEvent(&ev, 5, 504, {});
         post(&ev);
     }
 }
@@ -349,41 +336,41 @@ bool StCTrl::IsContActive(int k) { return mCont.active[k & 3] != 0; }
 
 // ---------------------------------------------------------------- builders
 
-void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {1, int(mNow + 5), 0, 8}); }
+void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {1, int(mNow + 5), 0, 8}); }
 
-void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {2, int(mNow + 5), 0, 8}); }
+void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {2, int(mNow + 5), 0, 8}); }
 
-void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {3, int(mNow + getWinkTime(0)), 0, 8}); }
+void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {3, int(mNow + getWinkTime(0)), 0, 8}); }
 
 void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
 {
     int k = SetMyThreadOffset(n);
-    fill(ev, 0, 100, {3 + k, int(mNow + getWinkTime(k) - elapsed), 0, n});
+    makeEvent(ev, 0, 100, {3 + k, int(mNow + getWinkTime(k) - elapsed), 0, n});
 }
 
 void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int n)
 {
-    fill(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow + 60), 60, n});
+    makeEvent(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow + 60), 60, n});
 }
 
 void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
 {
-    fill(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow - elapsed + 60), 60, n});
+    makeEvent(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow - elapsed + 60), 60, n});
 }
 
 void StCTrl::setAppTermTimerStart(EVENTMSGINFO* ev, int n)
 {
     int k = SetMyThreadOffset(n);
-    fill(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k)), 0, n});
+    makeEvent(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k)), 0, n});
 }
 
 void StCTrl::setDummyAppTermTimerStart(EVENTMSGINFO* ev, int n)
 {
     int k = SetMyThreadOffset(n);
-    fill(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
+    makeEvent(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
 }
 
-void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { fill(ev, 0, 100, {16, int(mNow + 1800), 1800, 8}); }
+void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {16, int(mNow + 1800), 1800, 8}); }
 
 void StCTrl::setLogDeleteTimerStopEvent(EVENTMSGINFO* ev)
 {
@@ -400,48 +387,48 @@ void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
     int minutes = confNum("DumpLogRate");
     if (minutes <= 0) {
         // A meter log rate of 0 (or none) turns the periodic measurement off.
-        fill(ev, 0, 102, {11});
+        makeEvent(ev, 0, 102, {11});
         return;
     }
-    fill(ev, 0, 100, {11, int(mNow + minutes * 60), minutes * 60, 8});
+    makeEvent(ev, 0, 100, {11, int(mNow + minutes * 60), minutes * 60, 8});
 }
 
-void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { fill(ev, 0, 102, {11}); }
+void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 102, {11}); }
 
-void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {17 + SetMyThreadOffset(n)}); }
+void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {17 + SetMyThreadOffset(n)}); }
 
-void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {3 + SetMyThreadOffset(n), n}); }
+void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {3 + SetMyThreadOffset(n), n}); }
 
-void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {7 + SetMyThreadOffset(n), n}); }
+void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {7 + SetMyThreadOffset(n), n}); }
 
-void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { fill(ev, 0, 102, {12 + SetMyThreadOffset(n), n}); }
+void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {12 + SetMyThreadOffset(n), n}); }
 
-void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { fill(ev, 0, 103, {flag}); }
+void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, 0, 103, {flag}); }
 
 void StCTrl::setWinkTimerResetEvent(EVENTMSGINFO* ev, int seconds, int n)
 {
-    fill(ev, 0, 104, {3 + SetMyThreadOffset(n), seconds});
+    makeEvent(ev, 0, 104, {3 + SetMyThreadOffset(n), seconds});
 }
 
-void StCTrl::setAppTermEvent(EVENTMSGINFO* ev, int n) { fill(ev, 4, 302, {SetMyThreadOffset(n)}); }
+void StCTrl::setAppTermEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 4, 302, {SetMyThreadOffset(n)}); }
 
-void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { fill(ev, 4, 303, {}); }
+void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { makeEvent(ev, 4, 303, {}); }
 
 void StCTrl::setPowerWrongEvent(EVENTMSGINFO* ev, int n)
 {
     // The report announces the minutes left to the users (the log thread
     // reads its first value as minutes), so it carries the slot's remaining
     // minutes rather than its power phase.
-    fill(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].remaining, n});
+    makeEvent(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].remaining, n});
 }
 
-void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { fill(ev, 5, 301, {n}); }
+void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 5, 301, {n}); }
 
 bool StCTrl::setPowerLogEvent(EVENTMSGINFO* ev, int code, int n)
 {
     if (mCont.startShutdown && (code == 0 || code == 1 || code == 2 || code == 204 || code == 206))
         return false;
-    fill(ev, 5, 500, {n, code});
+    makeEvent(ev, 5, 500, {n, code});
     int k = SetMyThreadOffset(n) & 3;
     if (code == 0) {
         ev->params[2] = mPower[k].remaining;
@@ -453,11 +440,22 @@ bool StCTrl::setPowerLogEvent(EVENTMSGINFO* ev, int code, int n)
     return true;
 }
 
-void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev) { fill(ev, 5, 501, {}); }
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev) { makeEvent(ev, 5, 501, {}); }
 
-void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev, int flag) { fill(ev, 5, 501, {flag}); }
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, 5, 501, {flag}); }
 
-void StCTrl::setPutUpsStatusEvent(EVENTMSGINFO* ev) { fill(ev, 8, 602, {}); }
+void StCTrl::setPutUpsStatusEvent(EVENTMSGINFO* ev) { makeEvent(ev, 8, 602, {}); }
+
+void StCTrl::makeEvent(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
+{
+    memset(ev, 0, sizeof *ev);
+    ev->to = to;
+    ev->code = code;
+    ev->count = static_cast<int>(params.size());
+    int i = 0;
+    for (int p : params)
+        ev->params[i++] = p;
+}
 
 int StCTrl::searchNo(const int32_t* list, int count, int value)
 {
@@ -479,14 +477,14 @@ void StCTrl::postLog(int code, int owner)
 void StCTrl::postTimerStart(int id, int expiry, int interval, int owner)
 {
     EVENTMSGINFO ev;
-    fill(&ev, 0, 100, {id, expiry, interval, owner});
+    makeEvent(&ev, 0, 100, {id, expiry, interval, owner});
     post(&ev);
 }
 
 void StCTrl::postTimerStop(int id)
 {
     EVENTMSGINFO ev;
-    fill(&ev, 0, 102, {id});
+    makeEvent(&ev, 0, 102, {id});
     post(&ev);
 }
 

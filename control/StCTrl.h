@@ -5,6 +5,7 @@
 #pragma once
 
 #include <deque>
+#include <initializer_list>
 #include <string>
 
 #include "control/Records.h"
@@ -149,6 +150,8 @@ public:
     void setPutUpsStatusEvent(EVENTMSGINFO* ev);
 
     static int searchNo(const int32_t* list, int count, int value);
+    // Clears the record and fills addressee, code and parameters.
+    static void makeEvent(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params);
 
     // ---- rules (run under slot 0 by SetNotify) ----
     void NotifyToEvent(_NOTIFYMSGINFO* nt);

@@ -15,18 +15,6 @@
 #include "core/Globals.h"
 #include "xcp/UpsDataBlock.h"
 
-namespace {
-void makeEvent(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
-{
-    memset(ev, 0, sizeof *ev);
-    ev->to = to;
-    ev->code = code;
-    ev->count = static_cast<int>(params.size());
-    int i = 0;
-    for (int p : params)
-        ev->params[i++] = p;
-}
-} // namespace
 
 void StCTrl::countdownStart(EVENTMSGINFO* ev, int elapsed, int n)
 {

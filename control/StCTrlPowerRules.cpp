@@ -9,16 +9,6 @@
 #include "control/StCTrl.h"
 
 namespace {
-void makeEvent(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
-{
-    memset(ev, 0, sizeof *ev);
-    ev->to = to;
-    ev->code = code;
-    ev->count = static_cast<int>(params.size());
-    int i = 0;
-    for (int p : params)
-        ev->params[i++] = p;
-}
 
 bool validOwner(int n) { return n >= 8 && n <= 11; }
 

@@ -6,16 +6,6 @@
 #include "control/StCTrl.h"
 
 namespace {
-void make(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
-{
-    memset(ev, 0, sizeof *ev);
-    ev->to = to;
-    ev->code = code;
-    ev->count = static_cast<int>(params.size());
-    int i = 0;
-    for (int p : params)
-        ev->params[i++] = p;
-}
 
 int lastParam(const _NOTIFYMSGINFO* nt) { return nt->count > 0 ? nt->params[nt->count - 1] : 8; }
 } // namespace
@@ -132,10 +122,10 @@ void StCTrl::timerExpiry(_NOTIFYMSGINFO* nt)
     const int id = nt->params[0];
     const int owner = nt->params[2];
     if (id == 1) {
-        make(&ev, 2, GetStateUPS() == 3 ? 203 : 200, {});
+        makeEvent(&ev, 2, GetStateUPS() == 3 ? 203 : 200, {});
         post(&ev);
     } else if (id == 2) {
-        make(&ev, 2, 201, {});
+        makeEvent(&ev, 2, 201, {});
         post(&ev);
     } else if (id >= 3 && id <= 6) {
         winkExpiry(8 + id - 3);
@@ -147,18 +137,18 @@ void StCTrl::timerExpiry(_NOTIFYMSGINFO* nt)
     } else if (id >= 12 && id <= 15) {
         appEndExpiry(8 + id - 12);
     } else if (id == 16) {
-        make(&ev, 5, 502, {});
+        makeEvent(&ev, 5, 502, {});
         post(&ev);
     } else if (id >= 17 && id <= 20) {
-        make(&ev, 8 + id - 17, 601, {});
+        makeEvent(&ev, 8 + id - 17, 601, {});
         post(&ev);
     } else if (id >= 21 && id <= 28) {
         scheduleTimerExpiry(id, owner);
     } else if (id >= 30 && id <= 265) {
-        make(&ev, owner, 603, {id});
+        makeEvent(&ev, owner, 603, {id});
         post(&ev);
     } else if (id >= 266 && id <= 330) {
-        make(&ev, owner, 604, {id - 266});
+        makeEvent(&ev, owner, 604, {id - 266});
         post(&ev);
     }
     // Ids 0, 29 and above 330 start nothing.
@@ -169,7 +159,7 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
     EVENTMSGINFO ev;
     switch (nt->code) {
     case 6000:
-        make(&ev, 8, 600, {});
+        makeEvent(&ev, 8, 600, {});
         post(&ev);
         break;
     case 6001:
@@ -183,31 +173,31 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
         postTimerStop(nt->params[0]);
         break;
     case 6005:
-        make(&ev, 0, 102, {nt->params[0], nt->params[1]});
+        makeEvent(&ev, 0, 102, {nt->params[0], nt->params[1]});
         post(&ev);
         break;
     case 6012:
         postLog(nt->params[1], lastParam(nt));
         break;
     case 6013:
-        make(&ev, 5, 503, {nt->params[0]});
+        makeEvent(&ev, 5, 503, {nt->params[0]});
         post(&ev);
         break;
     case 6014:
-        make(&ev, 5, 504, {});
+        makeEvent(&ev, 5, 504, {});
         post(&ev);
         break;
     case 6015:
-        make(&ev, 12, 900, {nt->params[0]});
+        makeEvent(&ev, 12, 900, {nt->params[0]});
         post(&ev);
         break;
     case 8000:
-        make(&ev, 8, 800, {});
+        makeEvent(&ev, 8, 800, {});
         post(&ev);
         break;
     case 8001:
         getShutdownTiming(0);
-        make(&ev, 8, 801, {});
+        makeEvent(&ev, 8, 801, {});
         post(&ev);
         break;
     case 8002: {
@@ -227,7 +217,7 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
     case 9001:
         for (int k = 0; k < 4; ++k) {
             if (IsContActive(k)) {
-                make(&ev, 8 + k, 803, {});
+                makeEvent(&ev, 8 + k, 803, {});
                 post(&ev);
             }
         }
