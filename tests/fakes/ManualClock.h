@@ -1,8 +1,11 @@
 // ManualClock: a clock that tests set and step by hand, to simulate time
-// passing and clock jumps without touching the machine's clock.
+// passing and clock jumps without touching the machine's clock. utc() gives
+// the time of a calendar date and time of day in UTC, to set it with.
 #pragma once
 
 #include <atomic>
+#include <cstring>
+#include <ctime>
 
 #include "core/Clock.h"
 
@@ -12,6 +15,19 @@ public:
     time_t now() override { return mNow.load(); }
     void set(time_t t) { mNow.store(t); }
     void advance(time_t seconds) { mNow.fetch_add(seconds); }
+
+    static time_t utc(int year, int month, int day, int hour, int minute, int second)
+    {
+        struct tm t;
+        memset(&t, 0, sizeof t);
+        t.tm_year = year - 1900;
+        t.tm_mon = month - 1;
+        t.tm_mday = day;
+        t.tm_hour = hour;
+        t.tm_min = minute;
+        t.tm_sec = second;
+        return timegm(&t);
+    }
 
 private:
     std::atomic<time_t> mNow;

@@ -25,25 +25,15 @@
 #include "control/StCTrl.h"
 #include "core/ShellRunner.h"
 #include "ipc/IpcCTrlMTh.h"
+#include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
+#include "tests/fakes/TempDir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-time_t utc(int y, int mo, int d, int h, int mi, int s)
-{
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = y - 1900;
-    t.tm_mon = mo - 1;
-    t.tm_mday = d;
-    t.tm_hour = h;
-    t.tm_min = mi;
-    t.tm_sec = s;
-    return timegm(&t);
-}
 
 int fakeHost(char* name, size_t length)
 {
@@ -57,48 +47,7 @@ int brokenHost(char*, size_t)
     return -1;
 }
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-EVENTMSGINFO event(int code, std::vector<int> params)
-{
-    EVENTMSGINFO ev;
-    memset(&ev, 0, sizeof ev);
-    ev.to = 5;
-    ev.code = code;
-    ev.count = static_cast<int>(params.size());
-    for (size_t i = 0; i < params.size(); ++i)
-        ev.params[i] = params[i];
-    return ev;
-}
-
-// Waits at most `seconds` for the child; kills it on time-out. Returns the
-// wait status, or -1 when the child had to be killed.
-int waitBounded(pid_t pid, int seconds)
-{
-    for (int i = 0; i < seconds * 20; ++i) {
-        int status = 0;
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid)
-            return status;
-        usleep(50 * 1000);
-    }
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return -1;
-}
+EVENTMSGINFO event(int code, std::vector<int> params) { return eventRecord(5, code, params); }
 
 const char kMessages[] =
     "0=$MACHINE: shutdown in $MINUTES minutes ($MINUTES)$SEGMENT, $MACHINE$SEGMENT\n"
@@ -116,9 +65,8 @@ protected:
     {
         setenv("TZ", "UTC", 1);
         tzset();
-        char tmpl[] = "/tmp/logth_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+        ASSERT_TRUE(tmp.made());
+        dir = tmp.path();
 
         writeFile(dir + "/Kestrava.ini", "UPSController=1\nPath=" + dir + "\nCtrlIPAddress1=10.1.2.3\n");
         writeFile(dir + "/alert.rc", kMessages);
@@ -148,8 +96,6 @@ protected:
         gpMapMessage = savedMessage;
         gHomeDir = savedHome;
         g_pMemberTh[0] = savedMember;
-        std::error_code ec;
-        fs::remove_all(dir, ec);
     }
 
     void post(int code, std::vector<int> params)
@@ -160,6 +106,7 @@ protected:
 
     std::string logFile(const std::string& name) { return readFile(dir + "/log/" + name); }
 
+    TempDir tmp{"logth_test."};
     std::string dir;
     ManualClock clock;
     FileMap* config = nullptr;
@@ -173,7 +120,7 @@ protected:
 
 TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
 {
-    clock.set(utc(2026, 11, 30, 23, 59, 59));
+    clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
     post(500, {1, 6});
     clock.advance(1);
     post(500, {1, 11});
@@ -186,7 +133,7 @@ TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
 
 TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
 {
-    clock.set(utc(2026, 11, 14, 8, 5, 3));
+    clock.set(ManualClock::utc(2026, 11, 14, 8, 5, 3));
     // Message 0 with its value 5: the value stands for "$MINUTES" and is
     // not written again as message "5"; the next item is a message again.
     post(500, {1, 0, 5, 5});
@@ -206,7 +153,7 @@ TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
 
 TEST_F(LogThTest, OriginSuffixOnlyOnAMemberForAFollowedController)
 {
-    clock.set(utc(2026, 11, 14, 8, 0, 0));
+    clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     IpcCTrlMTh member(8);
     g_pMemberTh[0] = &member;
 
@@ -359,7 +306,7 @@ TEST_F(LogThTest, MissingMessageFileEndsTheProcessWithStatus1)
 
 TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
 {
-    clock.set(utc(2026, 11, 14, 8, 0, 0));
+    clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     config->setConf("Path", dir + "/missing/deeper");
     testing::internal::CaptureStderr();
     post(500, {1, 6});
