@@ -20,51 +20,16 @@
 #include "control/StCTrl.h"
 #include "core/Globals.h"
 #include "log/LogTh.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempDir.h"
 #include "xcp/UpsDataBlock.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-time_t utc(int y, int mo, int d, int h, int mi, int s)
-{
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = y - 1900;
-    t.tm_mon = mo - 1;
-    t.tm_mday = d;
-    t.tm_hour = h;
-    t.tm_min = mi;
-    t.tm_sec = s;
-    return timegm(&t);
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-EVENTMSGINFO meterEvent(std::vector<int> params)
-{
-    EVENTMSGINFO ev;
-    memset(&ev, 0, sizeof ev);
-    ev.to = 5;
-    ev.code = 501;
-    ev.count = static_cast<int>(params.size());
-    for (size_t i = 0; i < params.size(); ++i)
-        ev.params[i] = params[i];
-    return ev;
-}
+EVENTMSGINFO meterEvent(std::vector<int> params) { return eventRecord(5, 501, params); }
 
 class MeterLogTest : public ::testing::Test {
 protected:
@@ -72,9 +37,8 @@ protected:
     {
         setenv("TZ", "UTC", 1);
         tzset();
-        char tmpl[] = "/tmp/meterlog_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+        ASSERT_TRUE(tmp.made());
+        dir = tmp.path();
         logDir = dir + "/log/";
         fs::create_directories(logDir);
         writeFile(dir + "/Kestrava.ini", "Path=" + dir + "\nDumpLogRate=10\nDumpLogDays=30\nUPSController=1\n");
@@ -93,8 +57,6 @@ protected:
         delete config;
         gpMapConfig = savedConfig;
         gUpsData = savedUps;
-        std::error_code ec;
-        fs::remove_all(dir, ec);
     }
 
     std::set<std::string> files()
@@ -105,6 +67,7 @@ protected:
         return names;
     }
 
+    TempDir tmp{"meterlog_test."};
     std::string dir;
     std::string logDir;
     ManualClock clock;
@@ -117,7 +80,7 @@ protected:
 TEST_F(MeterLogTest, EventTextsWithRateAndRetention)
 {
     MeterLog meter(ctrl);
-    time_t t = utc(2026, 11, 14, 10, 20, 30);
+    time_t t = ManualClock::utc(2026, 11, 14, 10, 20, 30);
     EVENTMSGINFO ev = meterEvent({11});
     EXPECT_EQ(meter.writeLine(&ev, logDir, t), 1);
     ev = meterEvent({0});
@@ -153,7 +116,7 @@ TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
         values += std::string(1, static_cast<char>(v)) + std::string(3, '\0');
     ups.setMeters(values);
     ASSERT_EQ(ups.getMeterMessage(), "\"231.0\",\"12.0\",\"48.0\",\"230.0\",\"5.0\",\"50.0\"");
-    time_t t = utc(2026, 11, 13, 23, 59, 59);
+    time_t t = ManualClock::utc(2026, 11, 13, 23, 59, 59);
     EVENTMSGINFO ev = meterEvent({});
 
     // Communication lost: six "NoData" fields whatever the UPS data holds.
@@ -184,25 +147,25 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
     config->setConf("DumpLogDays", "7");
 
     MeterLog meter(ctrl);
-    EXPECT_EQ(meter.deleteExpired(logDir, utc(2026, 11, 14, 12, 0, 0)), 3);
+    EXPECT_EQ(meter.deleteExpired(logDir, ManualClock::utc(2026, 11, 14, 12, 0, 0)), 3);
     EXPECT_EQ(files(), (std::set<std::string>{"20261107.vlg", "20261114.vlg", "202611.log", "202610.log", "notes.txt",
                                               "20200101_dir"}));
 
     // Without a retention every file dated before today goes.
     writeFile(logDir + "20261113.vlg", "x\n");
     config->setConf("DumpLogDays", "");
-    EXPECT_EQ(meter.deleteExpired(logDir, utc(2026, 11, 14, 0, 0, 0)), 2);
+    EXPECT_EQ(meter.deleteExpired(logDir, ManualClock::utc(2026, 11, 14, 0, 0, 0)), 2);
     EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg", "202611.log", "202610.log", "notes.txt",
                                               "20200101_dir"}));
 
     // An unreadable directory deletes nothing.
-    EXPECT_EQ(meter.deleteExpired(dir + "/nothing/", utc(2026, 11, 14, 0, 0, 0)), 0);
+    EXPECT_EQ(meter.deleteExpired(dir + "/nothing/", ManualClock::utc(2026, 11, 14, 0, 0, 0)), 0);
 }
 
 TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
 {
     LogTh log(5, ctrl, &clock);
-    clock.set(utc(2026, 11, 14, 6, 0, 0));
+    clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
     writeFile(logDir + "20261001.vlg", "x\n");
 
     EVENTMSGINFO ev = meterEvent({1});
