@@ -10,11 +10,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -23,27 +20,14 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
+#include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
-
-namespace fs = std::filesystem;
+#include "tests/fakes/TempDir.h"
 
 namespace {
 
 const std::string kConsole = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-console";
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
 
 sockaddr_in loopback(int port)
 {
@@ -121,22 +105,6 @@ bool closedByPeer(int fd, int ms = 5000)
     return readable(fd, ms) && recv(fd, &c, 1, 0) == 0;
 }
 
-// Waits at most `seconds` for the child; kills it on time-out. Returns the
-// wait status, or -1 when the child had to be killed.
-int waitBounded(pid_t pid, int seconds)
-{
-    for (int i = 0; i < seconds * 20; ++i) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return status;
-        usleep(50 * 1000);
-    }
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return -1;
-}
-
 struct ProcessResult {
     int status = -1; // exit status, -1 when it did not exit normally in time
     std::string out;
@@ -172,9 +140,8 @@ class CuiIFThTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/cuiifth_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+        ASSERT_TRUE(tmp.made());
+        dir = tmp.path();
         port = freePort();
         ini = dir + "/Kestrava.ini";
         writeFile(ini, "# console test\nUPSController=1\nCuiPort=" + std::to_string(port) +
@@ -198,8 +165,6 @@ protected:
         delete ctrl;
         delete config;
         gpMapConfig = savedConfig;
-        std::error_code ec;
-        fs::remove_all(dir, ec);
     }
 
     // Events the controller posted, waiting (bounded) until `count` are queued.
@@ -207,13 +172,10 @@ protected:
     {
         for (int i = 0; i < 200 && ctrl->queuedEvents() < count; ++i)
             usleep(25 * 1000);
-        std::vector<EVENTMSGINFO> out;
-        EVENTMSGINFO ev;
-        while (ctrl->popHeadForTest(&ev))
-            out.push_back(ev);
-        return out;
+        return drainEvents(*ctrl);
     }
 
+    TempDir tmp{"cuiifth_test."};
     std::string dir;
     std::string ini;
     int port = 0;
@@ -322,9 +284,9 @@ TEST_F(CuiIFThTest, ConsoleClientPingsAndSets)
 
 TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
 {
-    char tmpl[] = "/tmp/console_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string dir = tmpl;
+    TempDir tmp("console_test.");
+    ASSERT_TRUE(tmp.made());
+    const std::string dir = tmp.path();
 
     // Nothing listens.
     int port = freePort();
@@ -360,9 +322,6 @@ TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("set KEY VALUE"), std::string::npos);
     EXPECT_NE(r.out.find("--config FILE"), std::string::npos);
-
-    std::error_code ec;
-    fs::remove_all(dir, ec);
 }
 
 TEST(CuiIFThAccept, AcceptFailureEndsTheProcessWithStatus1)
