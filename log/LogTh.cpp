@@ -131,7 +131,7 @@ void LogTh::writeLog(EVENTMSGINFO* ev)
         controllerInformation();
         break;
     case 505:
-        shutdownLog(ev->params[0]);
+        shutdownLog(ev->params[0], ev->params[1]);
         break;
     default:
         break;
@@ -360,12 +360,20 @@ void LogTh::controllerInformation()
 {
     ShutCNT info;
     mCtrl->GetContInfo(&info);
-    CreateMultiControllerFile::WriteControllerInf(info);
+    CreateMultiControllerFile::WriteControllerInf(&info, gHomeDir.c_str());
 }
 
-void LogTh::shutdownLog(int slot)
+void LogTh::shutdownLog(int slot, int reason)
 {
-    CreateMultiControllerFile::WriteShutdownLog(slot, mCtrl->getWinkTime(slot), mCtrl->getCountdownTime(slot),
-                                                mCtrl->getAppEndTime(slot), mCtrl->getShutdownDelay(slot),
-                                                mCtrl->getRunCommand(slot), conf(indexed("CtrlIPAddress", slot + 1)));
+    DG2_ShutdownTimming timing;
+    memset(&timing, 0, sizeof timing);
+    timing.winkTime = mCtrl->getWinkTime(slot);
+    timing.shutdownTime = mCtrl->getCountdownTime(slot);
+    timing.appTermTimeOut = mCtrl->getAppEndTime(slot);
+    timing.shutdownDelay = mCtrl->getShutdownDelay(slot);
+    std::string command = mCtrl->getRunCommand(slot);
+    strncpy(timing.appTermCommand, command.c_str(), sizeof timing.appTermCommand - 1);
+    std::string controller = conf(indexed("CtrlIPAddress", slot + 1));
+    CreateMultiControllerFile::WriteShutdownLog(1, controller.c_str(), reason, &timing, gHomeDir.c_str());
 }
+

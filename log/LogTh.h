@@ -76,7 +76,7 @@ private:
     std::string message(const std::string& number);
     std::string hostName();
     void controllerInformation();
-    void shutdownLog(int slot);
+    void shutdownLog(int slot, int reason);
 
     StCTrl* mCtrl;
     Clock* mClock;

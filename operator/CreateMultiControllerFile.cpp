@@ -45,6 +45,6 @@ int CreateMultiControllerFile::CheckControllerFile(const std::string&, int, cons
     return 0;
 }
 
-void CreateMultiControllerFile::WriteControllerInf(const ShutCNT&) {}
+int CreateMultiControllerFile::WriteControllerInf(ShutCNT*, const char*) { return 0; }
 
-void CreateMultiControllerFile::WriteShutdownLog(int, int, int, int, int, const std::string&, const std::string&) {}
+int CreateMultiControllerFile::WriteShutdownLog(int, const char*, int, DG2_ShutdownTimming*, const char*) { return 0; }

@@ -15,9 +15,12 @@ public:
     static int CheckControllerFile(const std::string& address, int port, const std::string& dir,
                                    DG2_ShutdownTimming* timing, bool* changed);
 
-    // Rewrites "Controller.inf" in the Path directory from the status record.
-    static void WriteControllerInf(const ShutCNT& info);
-    // Appends one shutdown decision to the controller's shutdown log.
-    static void WriteShutdownLog(int slot, int winkTime, int countdownTime, int appEndTime, int shutdownDelay,
-                                 const std::string& command, const std::string& controllerAddress);
+    // Rewrites dir + "CONTROLLER/Controller.inf" from the status record.
+    // (Written by the member's controller files, not built yet.)
+    static int WriteControllerInf(ShutCNT* info, const char* dir);
+    // Appends one shutdown decision (mode 1 = shutdown) of a controller, with
+    // its reason and timing, to dir + "SHUTDOWN/<month>_sh.log".
+    // (Written by the member's controller files, not built yet.)
+    static int WriteShutdownLog(int mode, const char* controller, int reason, DG2_ShutdownTimming* timing,
+                                const char* dir);
 };
