@@ -17,23 +17,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
+#include "tests/fakes/ChildProcess.h"
 
-// Waits at most `seconds` for the child; kills it on time-out. Returns the
-// wait status, or -1 when the child had to be killed.
-int waitBounded(pid_t pid, int seconds)
-{
-    for (int i = 0; i < seconds * 20; ++i) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return status;
-        usleep(50 * 1000);
-    }
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return -1;
-}
+namespace {
 
 std::string listing()
 {
