@@ -3,60 +3,19 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempConfig.h"
 
 namespace {
 
-class TempConfig {
-public:
-    explicit TempConfig(const std::string& text)
-    {
-        char dir[] = "/tmp/kestrava-stctrl-XXXXXX";
-        mDir = mkdtemp(dir);
-        mPath = mDir + "/Kestrava.ini";
-        std::ofstream(mPath) << text;
-        map.reset(new FileMap(mPath));
-    }
-    ~TempConfig()
-    {
-        map.reset();
-        std::remove(mPath.c_str());
-        rmdir(mDir.c_str());
-    }
-    std::unique_ptr<FileMap> map;
-
-private:
-    std::string mDir;
-    std::string mPath;
-};
-
-EVENTMSGINFO event(int to, int code, int p0 = 0)
-{
-    EVENTMSGINFO ev{};
-    ev.to = to;
-    ev.code = code;
-    ev.count = 1;
-    ev.params[0] = p0;
-    return ev;
-}
-
-std::vector<EVENTMSGINFO> drain(StCTrl& c)
-{
-    std::vector<EVENTMSGINFO> out;
-    EVENTMSGINFO ev;
-    while (c.popHeadForTest(&ev))
-        out.push_back(ev);
-    return out;
-}
+EVENTMSGINFO event(int to, int code, int p0 = 0) { return eventRecord(to, code, {p0}); }
 
 } // namespace
 
@@ -64,7 +23,7 @@ TEST(StCTrlQueue, EventsAreTakenInOneGlobalOrderAcrossThreads)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
 
     const int total = 10;
     for (int i = 0; i < total; ++i) {
@@ -99,7 +58,7 @@ TEST(StCTrlQueue, HeadForAnIdleThreadBlocksEveryoneBehindIt)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
 
     EVENTMSGINFO head = event(7, 1, 70);
     EVENTMSGINFO behind = event(4, 2, 40);
@@ -128,7 +87,7 @@ TEST(StCTrlQueue, WaiterOnEmptyQueueWakesForItsEvent)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
     std::thread waiter([&] {
         EVENTMSGINFO ev;
         ctrl.GetEvent(&ev, 5);
@@ -144,7 +103,7 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllers)
 {
     TempConfig cfg("UPSController=2\n");
     ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
 
     // One controller: never a log code.
     EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 0), 0);
@@ -168,20 +127,20 @@ TEST(StCTrlStatus, ContInfoChangesAreReportedOnlyOffTheControllerRole)
     ManualClock clock;
     {
         TempConfig cfg("UPSController=1\n");
-        StCTrl ctrl(&clock, cfg.map.get());
+        StCTrl ctrl(&clock, cfg.map());
         ctrl.ShutDownSetPFStatus(0, 1);
         ctrl.CheckContInfo();
         EXPECT_EQ(ctrl.queuedEvents(), 0u);
     }
     {
         TempConfig cfg("UPSController=2\n");
-        StCTrl ctrl(&clock, cfg.map.get());
+        StCTrl ctrl(&clock, cfg.map());
         ctrl.CheckContInfo();
         EXPECT_EQ(ctrl.queuedEvents(), 0u);
         ctrl.ShutDownSetCommStatus(1, 2);
         ctrl.CheckContInfo();
         ctrl.CheckContInfo(); // the snapshot now matches: no second report
-        auto events = drain(ctrl);
+        auto events = drainEvents(ctrl);
         ASSERT_EQ(events.size(), 1u);
         EXPECT_EQ(events[0].to, 5);
         EXPECT_EQ(events[0].code, 504);
@@ -193,7 +152,7 @@ TEST(StCTrlBuilders, TimerAndLogBuildersFillTheDocumentedRecords)
     TempConfig cfg("UPSController=1\nWinkTime1=60\nShutdownTime1=5\nAppTermTimeOut1=120\nShutdownDelay1=180\n"
                    "AppTermCommand1=\"/bin/true --x\"\nDumpLogRate=10\n");
     ManualClock clock(1000000);
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
     ctrl.refreshNow();
     ctrl.setShutdownTiming(0);
     EXPECT_EQ(ctrl.getWinkTime(0), 60);
@@ -257,9 +216,9 @@ TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock(5000);
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
     ctrl.LetsGo(true);
-    auto ev = drain(ctrl);
+    auto ev = drainEvents(ctrl);
     ASSERT_EQ(ev.size(), 5u);
     EXPECT_EQ(ev[0].code, 500);
     EXPECT_EQ(ev[0].params[0], 1);
@@ -277,9 +236,9 @@ TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
     EXPECT_EQ(ev[4].params[1], 5005);
 
     TempConfig member("UPSController=2\n");
-    StCTrl m(&clock, member.map.get());
+    StCTrl m(&clock, member.map());
     m.LetsGo(false);
-    auto mev = drain(m);
+    auto mev = drainEvents(m);
     ASSERT_EQ(mev.size(), 1u);
     EXPECT_EQ(mev[0].params[1], 6);
 }
@@ -288,13 +247,13 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
 {
     TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
     ManualClock clock(7000);
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
     _NOTIFYMSGINFO nt{};
 
     nt.code = 2001;
     ctrl.SetNotify(&nt);
     EXPECT_EQ(ctrl.GetStateUPS(), 1);
-    auto ev = drain(ctrl);
+    auto ev = drainEvents(ctrl);
     ASSERT_EQ(ev.size(), 3u); // detect timer, log 10, meter control 9
     EXPECT_EQ(ev[0].params[0], 1);
     EXPECT_EQ(ev[1].params[1], 10);
@@ -302,12 +261,12 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
 
     nt.code = 2001; // a second failure only restarts detection
     ctrl.SetNotify(&nt);
-    EXPECT_EQ(drain(ctrl).size(), 1u);
+    EXPECT_EQ(drainEvents(ctrl).size(), 1u);
 
     nt.code = 2000;
     ctrl.SetNotify(&nt);
     EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    ev = drain(ctrl);
+    ev = drainEvents(ctrl);
     ASSERT_EQ(ev.size(), 5u); // polling timer, log 11, meter control 10, meter timer stop + start
     EXPECT_EQ(ev[0].params[0], 2);
     EXPECT_EQ(ev[1].params[1], 11);
@@ -319,9 +278,9 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
     nt.code = 2003;
     ctrl.SetNotify(&nt);
     EXPECT_EQ(ctrl.GetStateUPS(), 3);
-    EXPECT_EQ(drain(ctrl).size(), 3u);
+    EXPECT_EQ(drainEvents(ctrl).size(), 3u);
     ctrl.SetNotify(&nt); // already in error: ignored
-    EXPECT_EQ(drain(ctrl).size(), 0u);
+    EXPECT_EQ(drainEvents(ctrl).size(), 0u);
 
     // The detect timer now asks for event 203 instead of 200.
     nt.code = 1000;
@@ -330,7 +289,7 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
     nt.params[1] = 0;
     nt.params[2] = 8;
     ctrl.SetNotify(&nt);
-    ev = drain(ctrl);
+    ev = drainEvents(ctrl);
     ASSERT_EQ(ev.size(), 1u);
     EXPECT_EQ(ev[0].to, 2);
     EXPECT_EQ(ev[0].code, 203);
@@ -339,7 +298,7 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
     nt.code = 2006;
     ctrl.SetNotify(&nt);
     EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    ev = drain(ctrl);
+    ev = drainEvents(ctrl);
     ASSERT_EQ(ev.size(), 3u);
     EXPECT_EQ(ev[0].params[0], 2);
 }
@@ -348,7 +307,7 @@ TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownSt
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map.get());
+    StCTrl ctrl(&clock, cfg.map());
     ctrl.StartShutdown(0, 1);
     ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
     for (int code : {0, 1, 2, 204, 206}) {
