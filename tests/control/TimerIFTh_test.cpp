@@ -15,51 +15,18 @@
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempConfig.h"
 
 namespace {
 
 const time_t T0 = 1794000000;
 
-// A configuration file of its own for each test, removed afterwards.
-class TempConfig {
-public:
-    explicit TempConfig(const std::string& role)
-    {
-        char dir[] = "/tmp/kestrava-timer-XXXXXX";
-        mDir = mkdtemp(dir) ? dir : "";
-        mPath = mDir + "/Kestrava.ini";
-        FILE* f = fopen(mPath.c_str(), "w");
-        if (f) {
-            fprintf(f, "UPSController=%s\n", role.c_str());
-            fclose(f);
-        }
-    }
-    ~TempConfig()
-    {
-        unlink(mPath.c_str());
-        rmdir(mDir.c_str());
-    }
-    const std::string& path() const { return mPath; }
-
-private:
-    std::string mDir;
-    std::string mPath;
-};
-
-std::vector<EVENTMSGINFO> drain(StCTrl& ctrl)
-{
-    std::vector<EVENTMSGINFO> out;
-    EVENTMSGINFO ev;
-    while (ctrl.popHeadForTest(&ev))
-        out.push_back(ev);
-    return out;
-}
-
 class TimerIFThTest : public ::testing::Test {
 protected:
     TimerIFThTest()
-        : config("1"), map(config.path()), clock(T0), ctrl(&clock, &map), timers(1, &ctrl, &clock)
+        : config("UPSController=1\n"), clock(T0), ctrl(&clock, config.map()), timers(1, &ctrl, &clock)
     {
     }
 
@@ -72,7 +39,7 @@ protected:
     {
         clock.set(t);
         timers.TimeOut_func();
-        return drain(ctrl);
+        return drainEvents(ctrl);
     }
     // Ticks once per second from `from` to `to` inclusive; returns the
     // second at which the first event appeared (0 if none) and its events.
@@ -87,7 +54,6 @@ protected:
     }
 
     TempConfig config;
-    FileMap map;
     ManualClock clock;
     StCTrl ctrl;
     TimerIFTh timers;
@@ -274,7 +240,7 @@ protected:
         if (static_cast<int>(checked.size()) >= mPauses)
             return;
         bool sawCheck = false;
-        for (const EVENTMSGINFO& ev : drain(*mCtrl)) {
+        for (const EVENTMSGINFO& ev : drainEvents(*mCtrl)) {
             if (ev.to == 5 && ev.code == 504)
                 sawCheck = true;
             if (ev.code == 603)
@@ -325,10 +291,9 @@ protected:
 TEST(TimerIFThLoop, StatusCheckSkipsEveryThirdTick)
 {
     // On a member the status check reports changes (on a controller it never does).
-    TempConfig config("2");
-    FileMap map(config.path());
+    TempConfig config("UPSController=2\n");
     ManualClock clock(T0);
-    StCTrl ctrl(&clock, &map);
+    StCTrl ctrl(&clock, config.map());
     SteppedTimers timers(&ctrl, &clock, 14);
     TimerMng tm{30, static_cast<int32_t>(T0 + 1), 1, 9};
     timers.Timer_Start(&tm);
@@ -346,10 +311,9 @@ TEST(TimerIFThLoop, StatusCheckSkipsEveryThirdTick)
 
 TEST(TimerIFThLoop, RealLoopTicksAndChecksUntilStopped)
 {
-    TempConfig config("2");
-    FileMap map(config.path());
+    TempConfig config("UPSController=2\n");
     ManualClock clock(T0);
-    StCTrl ctrl(&clock, &map);
+    StCTrl ctrl(&clock, config.map());
     RealTimers timers(&ctrl, &clock);
     ASSERT_TRUE(timers.st());
 
