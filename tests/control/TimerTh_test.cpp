@@ -2,9 +2,6 @@
 // (with the 9001 follow-up), move, and the diagnostic for unknown codes.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -14,8 +11,10 @@
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
 #include "control/TimerTh.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
+#include "tests/fakes/TempConfig.h"
 
 namespace {
 
@@ -23,54 +22,27 @@ const time_t T0 = 1794000000;
 
 class TimerThTest : public ::testing::Test {
 protected:
-    TimerThTest() : clock(T0)
+    TimerThTest() : config("UPSController=1\n"), clock(T0)
     {
-        char dir[] = "/tmp/kestrava-timerth-XXXXXX";
-        mDir = mkdtemp(dir) ? dir : "";
-        mPath = mDir + "/Kestrava.ini";
-        FILE* f = fopen(mPath.c_str(), "w");
-        if (f) {
-            fputs("UPSController=1\n", f);
-            fclose(f);
-        }
-        map.reset(new FileMap(mPath));
-        ctrl.reset(new StCTrl(&clock, map.get()));
+        ctrl.reset(new StCTrl(&clock, config.map()));
         timers.reset(new TimerIFTh(1, ctrl.get(), &clock));
         th.reset(new TimerTh(0, timers.get(), ctrl.get()));
-    }
-    ~TimerThTest() override
-    {
-        unlink(mPath.c_str());
-        rmdir(mDir.c_str());
     }
 
     void command(int code, std::initializer_list<int> params)
     {
-        EVENTMSGINFO ev;
-        memset(&ev, 0, sizeof ev);
-        ev.to = 0;
-        ev.code = code;
-        ev.count = static_cast<int>(params.size());
-        int i = 0;
-        for (int p : params)
-            ev.params[i++] = p;
+        EVENTMSGINFO ev = eventRecord(0, code, params);
         th->Event_CK(&ev);
     }
     std::vector<EVENTMSGINFO> tickAt(time_t t)
     {
         clock.set(t);
         timers->TimeOut_func();
-        std::vector<EVENTMSGINFO> out;
-        EVENTMSGINFO ev;
-        while (ctrl->popHeadForTest(&ev))
-            out.push_back(ev);
-        return out;
+        return drainEvents(*ctrl);
     }
 
-    std::string mDir;
-    std::string mPath;
+    TempConfig config;
     ManualClock clock;
-    std::unique_ptr<FileMap> map;
     std::unique_ptr<StCTrl> ctrl;
     std::unique_ptr<TimerIFTh> timers;
     std::unique_ptr<TimerTh> th;
