@@ -15,8 +15,10 @@
 #include "config/FileMap.h"
 #include "control/PowerTh.h"
 #include "control/StCTrl.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
+#include "tests/fakes/TempDir.h"
 
 namespace {
 
@@ -35,15 +37,7 @@ protected:
     void notify(_NOTIFYMSGINFO* nt) override { seen.push_back(*nt); }
 };
 
-EVENTMSGINFO event(int code, std::vector<int> params = {})
-{
-    EVENTMSGINFO ev{};
-    ev.to = 4;
-    ev.code = code;
-    for (int p : params)
-        ev.params[ev.count++] = p;
-    return ev;
-}
+EVENTMSGINFO event(int code, std::vector<int> params = {}) { return eventRecord(4, code, params); }
 
 class Power : public ::testing::Test {
 protected:
@@ -88,15 +82,7 @@ int zombieChildren()
     return zombies;
 }
 
-int lines(const std::string& path)
-{
-    std::ifstream in(path);
-    int n = 0;
-    std::string l;
-    while (std::getline(in, l))
-        ++n;
-    return n;
-}
+int lines(const std::string& path) { return static_cast<int>(readLines(path).size()); }
 
 TEST_F(Power, ShutdownEventRunsTheShutdownCommand)
 {
@@ -170,9 +156,9 @@ TEST_F(Power, ScheduleRelayReachesTheControllerRules)
 
 TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
 {
-    char dirTemplate[] = "/tmp/kestrava-power-XXXXXX";
-    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
-    const std::string dir = dirTemplate;
+    TempDir tmp("kestrava-power-");
+    ASSERT_TRUE(tmp.made());
+    const std::string dir = tmp.path();
     const std::string out = dir + "/out";
     // Each command waits before it writes: if the thread waited for the
     // first, the file would already hold its line when the second starts.
@@ -193,9 +179,6 @@ TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
     // Give the shells a moment to exit after their last write.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(zombieChildren(), 0);
-
-    unlink(out.c_str());
-    rmdir(dir.c_str());
 }
 
 } // namespace
