@@ -6,8 +6,9 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ScriptedSerialPort.h"
+#include "tests/fakes/XcpLinkRig.h"
 #include "tests/fakes/XcpUpsScript.h"
 #include "xcp/UpsDataBlock.h"
 #include "xcp/XcpIFTh.h"
@@ -16,18 +17,13 @@
 namespace {
 using P = ScriptedSerialPort;
 
-class XcpLinkTest : public ::testing::Test {
+class XcpLinkTest : public ::testing::Test, public XcpLinkRig {
 protected:
     void SetUp() override
     {
         config.reset(new FileMap());
         config->setConf("DeviceName", "/dev/ttyS9");
-        configPtr = config.get();
-        ups.reset(new UpsDataBlock(&clock));
-        upsPtr = ups.get();
-        ctrl.reset(new StCTrl(&clock, config.get()));
-        events.reset(new XcpTh(2, ctrl.get()));
-        link.reset(new XcpIFTh(3, ctrl.get(), &port, &configPtr, &upsPtr, events.get(), &port.sleeper()));
+        wire();
     }
 
     // Opens the port and sends one request with the given code and
@@ -43,14 +39,7 @@ protected:
     }
 
     // Events the controller queued, by code.
-    std::vector<EVENTMSGINFO> drain()
-    {
-        std::vector<EVENTMSGINFO> out;
-        EVENTMSGINFO ev;
-        while (ctrl->popHeadForTest(&ev))
-            out.push_back(ev);
-        return out;
-    }
+    std::vector<EVENTMSGINFO> drain() { return drainEvents(*ctrl); }
     static bool hasTimerStart(const std::vector<EVENTMSGINFO>& evs, int id)
     {
         for (const EVENTMSGINFO& e : evs)
@@ -58,16 +47,6 @@ protected:
                 return true;
         return false;
     }
-
-    ManualClock clock{1800000000};
-    ScriptedSerialPort port;
-    std::unique_ptr<FileMap> config;
-    FileMap* configPtr = nullptr;
-    std::unique_ptr<UpsDataBlock> ups;
-    UpsDataBlock* upsPtr = nullptr;
-    std::unique_ptr<StCTrl> ctrl;
-    std::unique_ptr<XcpTh> events;
-    std::unique_ptr<XcpIFTh> link;
 };
 
 TEST_F(XcpLinkTest, PortOpenSetsUpTheConfiguredDevice)

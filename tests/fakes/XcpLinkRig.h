@@ -1,0 +1,41 @@
+// XcpLinkRig: the UPS link under test (XcpIFTh), wired as the daemon wires
+// it but to a scripted serial port: a manual clock, the configuration map,
+// the UPS data block, a local controller core and the XCP event thread. A
+// test fixture derives from it, fills `config` and calls wire(); it then
+// drives `link` and checks `port`, `ups` and the events `ctrl` queued.
+#pragma once
+
+#include <memory>
+
+#include "config/FileMap.h"
+#include "control/StCTrl.h"
+#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/ScriptedSerialPort.h"
+#include "xcp/UpsDataBlock.h"
+#include "xcp/XcpIFTh.h"
+#include "xcp/XcpTh.h"
+
+class XcpLinkRig {
+public:
+    // Builds the data block, controller core, event thread and link around
+    // `config`.
+    void wire()
+    {
+        configPtr = config.get();
+        ups.reset(new UpsDataBlock(&clock));
+        upsPtr = ups.get();
+        ctrl.reset(new StCTrl(&clock, config.get()));
+        events.reset(new XcpTh(2, ctrl.get()));
+        link.reset(new XcpIFTh(3, ctrl.get(), &port, &configPtr, &upsPtr, events.get(), &port.sleeper()));
+    }
+
+    ManualClock clock{1800000000};
+    ScriptedSerialPort port;
+    std::unique_ptr<FileMap> config;
+    FileMap* configPtr = nullptr;
+    std::unique_ptr<UpsDataBlock> ups;
+    UpsDataBlock* upsPtr = nullptr;
+    std::unique_ptr<StCTrl> ctrl;
+    std::unique_ptr<XcpTh> events;
+    std::unique_ptr<XcpIFTh> link;
+};
