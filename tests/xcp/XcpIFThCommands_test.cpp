@@ -6,8 +6,8 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "tests/fakes/ManualClock.h"
 #include "tests/fakes/ScriptedSerialPort.h"
+#include "tests/fakes/XcpLinkRig.h"
 #include "xcp/UpsDataBlock.h"
 #include "xcp/XcpIFTh.h"
 #include "xcp/XcpTh.h"
@@ -15,7 +15,7 @@
 namespace {
 using P = ScriptedSerialPort;
 
-class XcpCommandTest : public ::testing::Test {
+class XcpCommandTest : public ::testing::Test, public XcpLinkRig {
 protected:
     void SetUp() override
     {
@@ -23,13 +23,8 @@ protected:
         config->setConf("DeviceName", "/dev/ttyS9");
         config->setConf("ShutdownDelay1", "120");
         config->setConf("AppTermTimeOut1", "180");
-        configPtr = config.get();
-        ups.reset(new UpsDataBlock(&clock));
-        upsPtr = ups.get();
-        ctrl.reset(new StCTrl(&clock, config.get()));
+        wire();
         ctrl->setShutdownTiming(0);
-        events.reset(new XcpTh(2, ctrl.get()));
-        link.reset(new XcpIFTh(3, ctrl.get(), &port, &configPtr, &upsPtr, events.get(), &port.sleeper()));
         ASSERT_EQ(1, link->portOpen());
         for (unsigned char code : {0x89, 0x8A, 0x93, 0x97, 0x98})
             port.standingReply(code, P::actionReply(code));
@@ -57,16 +52,6 @@ protected:
         EXPECT_EQ(0u, sum & 0xFF) << P::hex(frame);
         return P::hex(frame.substr(0, frame.size() - 1));
     }
-
-    ManualClock clock{1800000000};
-    ScriptedSerialPort port;
-    std::unique_ptr<FileMap> config;
-    FileMap* configPtr = nullptr;
-    std::unique_ptr<UpsDataBlock> ups;
-    UpsDataBlock* upsPtr = nullptr;
-    std::unique_ptr<StCTrl> ctrl;
-    std::unique_ptr<XcpTh> events;
-    std::unique_ptr<XcpIFTh> link;
 };
 
 TEST_F(XcpCommandTest, StopSendsTheDelayedPowerOffAfterAuthentication)
