@@ -4,15 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
 #include <memory>
-#include <sstream>
-#include <unistd.h>
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "tests/fakes/ManualClock.h"
 #include "tests/fakes/ScriptedSerialPort.h"
+#include "tests/fakes/TempDir.h"
+#include "tests/fakes/XcpLinkRig.h"
 #include "tests/fakes/XcpUpsScript.h"
 #include "xcp/UpsDataBlock.h"
 #include "xcp/XcpIFTh.h"
@@ -32,36 +30,18 @@ std::string pnpText(const std::string& body)
     return "(" + body + digits + ")";
 }
 
-class XcpDetectTest : public ::testing::Test {
+class XcpDetectTest : public ::testing::Test, public XcpLinkRig {
 protected:
     void SetUp() override
     {
-        char dir[] = "/tmp/kestrava-xcp-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(dir));
-        home = dir;
-        iniPath = home + "/Kestrava.ini";
-        std::ofstream(iniPath) << "# test\nUPSController=1\nDeviceName=/dev/ttyS9\nUPSFirmWare=\nUPSSerial=\n"
-                                  "ModelName=\nShutdownDelay1=120\nAppTermTimeOut1=180\n";
+        ASSERT_TRUE(home.made());
+        iniPath = home.file("Kestrava.ini");
+        writeFile(iniPath, "# test\nUPSController=1\nDeviceName=/dev/ttyS9\nUPSFirmWare=\nUPSSerial=\n"
+                           "ModelName=\nShutdownDelay1=120\nAppTermTimeOut1=180\n");
         config.reset(new FileMap(iniPath));
-        configPtr = config.get();
-        ups.reset(new UpsDataBlock(&clock));
-        upsPtr = ups.get();
-        ctrl.reset(new StCTrl(&clock, config.get()));
-        events.reset(new XcpTh(2, ctrl.get()));
-        link.reset(new XcpIFTh(3, ctrl.get(), &port, &configPtr, &upsPtr, events.get(), &port.sleeper()));
+        wire();
     }
-    void TearDown() override
-    {
-        unlink(iniPath.c_str());
-        rmdir(home.c_str());
-    }
-    std::string iniText()
-    {
-        std::ifstream in(iniPath);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    std::string iniText() { return readFile(iniPath); }
     // Speeds at which the escape byte was written (one per rate tried).
     std::vector<int> escapeSpeeds()
     {
@@ -72,17 +52,8 @@ protected:
         return out;
     }
 
-    ManualClock clock{1800000000};
-    ScriptedSerialPort port;
-    std::string home;
+    TempDir home{"kestrava-xcp-"};
     std::string iniPath;
-    std::unique_ptr<FileMap> config;
-    FileMap* configPtr = nullptr;
-    std::unique_ptr<UpsDataBlock> ups;
-    UpsDataBlock* upsPtr = nullptr;
-    std::unique_ptr<StCTrl> ctrl;
-    std::unique_ptr<XcpTh> events;
-    std::unique_ptr<XcpIFTh> link;
     XcpUpsScript script;
 };
 
