@@ -21,65 +21,27 @@
 #include <unistd.h>
 
 #include "core/SystemPaths.h"
+#include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/TempDir.h"
 
 namespace {
 
 // Moves the pid file and lock directory before the first SystemPaths read.
+// Forked children that end through exit() leave the directory alone: only
+// the test process itself removes it.
 struct PrivatePaths {
-    std::string dir;
-    pid_t owner = getpid();
+    TempDir tmp{"kestrava-lock-"};
+    std::string dir = tmp.path();
     PrivatePaths()
     {
-        char tmpl[] = "/tmp/kestrava-lock-XXXXXX";
-        if (mkdtemp(tmpl))
-            dir = tmpl;
         setenv("KESTRAVA_PID_FILE", (dir + "/Kestrava.pid").c_str(), 1);
         setenv("KESTRAVA_LOCK_DIR", dir.c_str(), 1);
-    }
-    ~PrivatePaths()
-    {
-        // Forked children that end through exit() run this too: only the
-        // test process itself removes the directory.
-        if (!dir.empty() && getpid() == owner) {
-            std::string cmd = "rm -rf '" + dir + "'";
-            if (system(cmd.c_str()) != 0) {
-            }
-        }
     }
 };
 PrivatePaths gPaths;
 
-std::string readFile(const std::string& path)
-{
-    std::string out;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (!f)
-        return out;
-    char buf[256];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        out.append(buf, n);
-    fclose(f);
-    return out;
-}
-
-void writeFile(const std::string& path, const std::string& data)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    fwrite(data.data(), 1, data.size(), f);
-    fclose(f);
-}
-
-// A pid that belonged to a process which has ended and been reaped.
-pid_t deadPid()
-{
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(0);
-    waitpid(pid, nullptr, 0);
-    return pid;
-}
+// Writes the file, failing the test when it cannot be opened.
+void writeOrFail(const std::string& path, const std::string& data) { ASSERT_TRUE(writeFile(path, data)) << path; }
 
 // A sleeping child, alive until killed.
 pid_t liveChild()
@@ -102,7 +64,7 @@ void killAndReap(pid_t pid)
 
 // Waits (bounded) for a child; its raw wait status, or -1 on time-out (the
 // child is then killed).
-int waitBounded(pid_t pid, int seconds = 10)
+int reapWithin(pid_t pid, int seconds = 10)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     int status = 0;
@@ -139,7 +101,7 @@ ChildResult inChild(Fn fn)
         fn();
         _exit(0);
     }
-    res.status = waitBounded(pid);
+    res.status = reapWithin(pid);
     res.err = readFile(errPath);
     return res;
 }
@@ -177,24 +139,24 @@ TEST_F(DaemonLockTest, ReadPidAndCheckPid)
     EXPECT_EQ(read_pid(path.c_str()), 0) << "missing file";
     EXPECT_EQ(check_pid(path.c_str()), 0);
 
-    writeFile(path, "");
+    writeOrFail(path, "");
     EXPECT_EQ(read_pid(path.c_str()), 0) << "empty file";
-    writeFile(path, "not a number\n");
+    writeOrFail(path, "not a number\n");
     EXPECT_EQ(read_pid(path.c_str()), 0);
-    writeFile(path, "  4321\nrest");
+    writeOrFail(path, "  4321\nrest");
     EXPECT_EQ(read_pid(path.c_str()), 4321);
 
     // The caller's own pid does not count as a running daemon.
-    writeFile(path, textPid(getpid()));
+    writeOrFail(path, textPid(getpid()));
     EXPECT_EQ(read_pid(path.c_str()), getpid());
     EXPECT_EQ(check_pid(path.c_str()), 0);
 
     pid_t dead = deadPid();
-    writeFile(path, textPid(dead));
+    writeOrFail(path, textPid(dead));
     EXPECT_EQ(check_pid(path.c_str()), 0);
 
     pid_t live = liveChild();
-    writeFile(path, textPid(live));
+    writeOrFail(path, textPid(live));
     EXPECT_EQ(check_pid(path.c_str()), live);
     killAndReap(live);
 }
@@ -230,7 +192,7 @@ TEST_F(DaemonLockTest, LockIsTakenWithOwnPidAndRefusedToOthers)
     // The same lock in the old binary form, owner alive.
     pid_t live = liveChild();
     int32_t raw = live;
-    writeFile(lock, std::string(reinterpret_cast<const char*>(&raw), 4));
+    writeOrFail(lock, std::string(reinterpret_cast<const char*>(&raw), 4));
     ChildResult binary = inChild([] { ttysLock("ttyA0"); });
     EXPECT_TRUE(WIFEXITED(binary.status) && WEXITSTATUS(binary.status) == 255);
     EXPECT_EQ(binary.err, "Device ttyA0 is locked.\n");
@@ -238,7 +200,7 @@ TEST_F(DaemonLockTest, LockIsTakenWithOwnPidAndRefusedToOthers)
 
     // An empty lock file, or one naming no positive pid, blocks as well.
     for (const char* content : {"", "0\n", "-7\n", "garbage\n"}) {
-        writeFile(lock, content);
+        writeOrFail(lock, content);
         ChildResult r = inChild([] { ttysLock("ttyA0"); });
         EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 255) << "content '" << content << "'";
         EXPECT_EQ(r.err, "Device ttyA0 is locked.\n") << "content '" << content << "'";
@@ -255,7 +217,7 @@ TEST_F(DaemonLockTest, StaleLockOfDeadProcessIsTakenOver)
     int32_t raw = dead;
     const std::string forms[] = {textPid(dead), std::string(reinterpret_cast<const char*>(&raw), 4)};
     for (const std::string& form : forms) {
-        writeFile(lock, form);
+        writeOrFail(lock, form);
         std::string pidPath = gPaths.dir + "/taker.pid";
         ChildResult r = inChild([&] {
             ttysLock("ttyB1");
@@ -282,16 +244,16 @@ TEST_F(DaemonLockTest, LockThatCannotBeCreatedEndsTheProcess)
 
 TEST_F(DaemonLockTest, UnlockRemovesPidFileAndLock)
 {
-    writeFile(pidFile(), "123\n");
-    writeFile(lockPath("ttyD3"), "123\n");
-    writeFile(lockPath("ttyOther"), "123\n");
+    writeOrFail(pidFile(), "123\n");
+    writeOrFail(lockPath("ttyD3"), "123\n");
+    writeOrFail(lockPath("ttyOther"), "123\n");
     unlock("ttyD3");
     EXPECT_NE(access(pidFile().c_str(), F_OK), 0);
     EXPECT_NE(access(lockPath("ttyD3").c_str(), F_OK), 0);
     EXPECT_EQ(access(lockPath("ttyOther").c_str(), F_OK), 0) << "only the named device's lock";
 
     // A member unlocks with an empty name: "LCK.." itself goes.
-    writeFile(lockPath(""), "1\n");
+    writeOrFail(lockPath(""), "1\n");
     unlock("");
     EXPECT_NE(access(lockPath("").c_str(), F_OK), 0);
     unlock("ttyD3"); // nothing left to delete: no effect, no failure
@@ -305,7 +267,7 @@ TEST_F(DaemonLockTest, BecomeDaemonRecordsTheChildAndRefusesASecondDaemon)
 
     std::string marker = gPaths.dir + "/daemon-child";
     unlink(marker.c_str());
-    writeFile(pidFile(), textPid(deadPid())); // a stale pid file is replaced
+    writeOrFail(pidFile(), textPid(deadPid())); // a stale pid file is replaced
     chmod(pidFile().c_str(), 0600);
 
     ChildResult parent = inChild([&] {
@@ -339,7 +301,7 @@ TEST_F(DaemonLockTest, BecomeDaemonRecordsTheChildAndRefusesASecondDaemon)
     EXPECT_EQ(read_pid(pidFile().c_str()), daemonPid);
 
     kill(daemonPid, SIGKILL);
-    EXPECT_NE(waitBounded(daemonPid), -1);
+    EXPECT_NE(reapWithin(daemonPid), -1);
     unlink(pidFile().c_str());
 }
 
