@@ -27,60 +27,19 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/TempDir.h"
+
 extern char** environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string readFile(const std::string& path)
-{
-    std::string out;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (!f)
-        return out;
-    char buf[512];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        out.append(buf, n);
-    fclose(f);
-    return out;
-}
-
-bool writeFile(const std::string& path, const std::string& data, mode_t mode = 0644)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f)
-        return false;
-    fwrite(data.data(), 1, data.size(), f);
-    fclose(f);
-    chmod(path.c_str(), mode);
-    return true;
-}
+// Bounded waits look again every 20 ms.
+const int kPollMs = 20;
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-// Polls cond every 20 ms until it holds or the time is up.
-template <typename Cond>
-bool waitFor(Cond cond, int seconds)
-{
-    auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    while (Clock::now() < deadline) {
-        if (cond())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return cond();
-}
-
-pid_t deadPid()
-{
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(0);
-    waitpid(pid, nullptr, 0);
-    return pid;
-}
 
 std::string textPid(int pid)
 {
@@ -218,7 +177,7 @@ protected:
                 pid_t r = waitpid(pid, &status, WNOHANG);
                 return r == pid || r < 0;
             },
-            seconds);
+            seconds, kPollMs);
         if (!done) {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
@@ -291,7 +250,7 @@ TEST_F(DaemonProcessTest, ControllerRunsOnceAndStopsOnTermination)
     EXPECT_TRUE(alive(daemon));
 
     // The device lock names the daemon once it holds the device.
-    EXPECT_TRUE(waitFor([&] { return readFile(lockFile("ttyKs0")) == textPid(daemon); }, 10))
+    EXPECT_TRUE(waitFor([&] { return readFile(lockFile("ttyKs0")) == textPid(daemon); }, 10, kPollMs))
         << "lock holds '" << readFile(lockFile("ttyKs0")) << "'";
     EXPECT_FALSE(exists(home_ + "MembInfo.dat"));
     EXPECT_FALSE(exists(home_ + "membCommInfo.tmp"));
@@ -363,7 +322,7 @@ TEST_F(DaemonProcessTest, StaleDeviceLockIsTakenOver)
         ASSERT_TRUE(WIFEXITED(s.status));
         EXPECT_EQ(WEXITSTATUS(s.status), 0);
         ASSERT_GT(s.daemon, 0);
-        EXPECT_TRUE(waitFor([&] { return readFile(lockFile("ttyKs0")) == textPid(s.daemon); }, 10))
+        EXPECT_TRUE(waitFor([&] { return readFile(lockFile("ttyKs0")) == textPid(s.daemon); }, 10, kPollMs))
             << "lock of " << form.size() << " bytes holds '" << readFile(lockFile("ttyKs0")) << "'";
         EXPECT_TRUE(alive(s.daemon));
         kill(s.daemon, SIGKILL);
@@ -393,7 +352,7 @@ TEST_F(DaemonProcessTest, MemberNeedsItsControllerListAndMakesItsDirectories)
     ASSERT_GT(s.daemon, 0);
     for (const char* name : {"CONTROLLER", "SHUTDOWN"}) {
         std::string path = home_ + name;
-        EXPECT_TRUE(waitFor([&] { return exists(path); }, 10)) << name;
+        EXPECT_TRUE(waitFor([&] { return exists(path); }, 10, kPollMs)) << name;
         struct stat st;
         ASSERT_EQ(stat(path.c_str(), &st), 0) << name;
         EXPECT_TRUE(S_ISDIR(st.st_mode)) << name;
