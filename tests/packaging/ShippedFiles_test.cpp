@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/fakes/TempDir.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -113,28 +115,6 @@ std::set<int> allMessageNumbers()
 
 // ---- Helpers ----------------------------------------------------------
 
-// A private copy directory, so that saving never touches the shipped files.
-class TempDir {
-public:
-    TempDir()
-    {
-        char templ[] = "/tmp/kestrava-pkg-XXXXXX";
-        const char* made = mkdtemp(templ);
-        if (made)
-            mPath = std::string(made) + "/";
-    }
-    ~TempDir()
-    {
-        std::error_code ec;
-        if (!mPath.empty())
-            fs::remove_all(mPath, ec);
-    }
-    const std::string& path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
-
 struct RawFile {
     std::vector<std::string> keys;       // in file order, trimmed as load() trims them
     std::vector<std::string> strayLines; // non-empty lines that load() silently drops
@@ -181,17 +161,18 @@ void expectKeysPersist(const std::string& name, const std::set<std::string>& exp
     for (const std::string& k : expected)
         EXPECT_TRUE(seen.count(k)) << "key missing, so it can never be saved: " << k;
 
-    TempDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    fs::copy_file(kPackaging + name, dir.path() + name);
+    // A private copy, so that saving never touches the shipped file.
+    TempDir dir("kestrava-pkg-");
+    ASSERT_TRUE(dir.made());
+    fs::copy_file(kPackaging + name, dir.file(name));
     {
-        FileMap map(dir.path() + name);
+        FileMap map(dir.file(name));
         ASSERT_TRUE(map.isLoaded());
         for (const std::string& k : expected)
             map.setConf(k, "saved " + k);
         ASSERT_EQ(1, map.save());
     }
-    FileMap again(dir.path() + name);
+    FileMap again(dir.file(name));
     ASSERT_TRUE(again.isLoaded());
     for (const std::string& k : expected)
         EXPECT_EQ("saved " + k, again.getConf(k)) << "not persisted: " << k;
