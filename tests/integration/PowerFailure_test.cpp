@@ -7,24 +7,19 @@
 // command (a script that records its runs) and a fake `wall`.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
-#include <fcntl.h>
-#include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+#include "tests/fakes/DaemonSandbox.h"
 
 namespace {
 
@@ -33,39 +28,6 @@ const char kAuthFrame[] = "AB 04 CF 69 E8 D5 5C";
 const char kPowerOffFrame[] = "AB 03 8A 2C 01 9B";
 // Request of the current alarm block: the first step of every poll.
 const char kAlarmPollPrefix[] = "AB 01 35";
-
-using Clock = std::chrono::steady_clock;
-
-void writeFile(const std::string& path, const std::string& text, mode_t mode = 0644)
-{
-    std::ofstream out(path, std::ios::trunc);
-    out << text;
-    out.close();
-    chmod(path.c_str(), mode);
-}
-
-std::vector<std::string> readLines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line))
-        lines.push_back(line);
-    return lines;
-}
-
-bool waitFor(const std::function<bool()>& done, int seconds)
-{
-    auto end = Clock::now() + std::chrono::seconds(seconds);
-    while (Clock::now() < end) {
-        if (done())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
-    return done();
-}
-
-bool alive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
 
 // One line of the simulator's frame log: wall-clock time and the text after
 // the time stamp ("RX AB 01 35 ...").
@@ -125,97 +87,24 @@ std::string eventLog(const std::string& dir)
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-class PowerFailure : public ::testing::Test {
+class PowerFailure : public ::testing::Test, public DaemonSandbox {
 protected:
+    PowerFailure() : DaemonSandbox("kestrava-pf-", 200) {}
+
     void SetUp() override
     {
-        char tmpl[] = "/tmp/kestrava-pf-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        home = tmpl;
-        home += "/";
-        mkdir((home + "lock").c_str(), 0755);
-        mkdir((home + "bin").c_str(), 0755);
-        mkdir((home + "log").c_str(), 0755);
-        frames = home + "frames.log";
+        ASSERT_NO_FATAL_FAILURE(makeHome());
         appRuns = home + "app-runs";
         shutdownRuns = home + "shutdown-runs";
 
-        startSimulator();
+        startSimulator({});
         ASSERT_FALSE(ttyPath.empty()) << "the simulator printed no terminal path";
         writeConfiguration();
         startDaemon();
         ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
     }
 
-    void TearDown() override
-    {
-        stopDaemon();
-        stopSimulator();
-        if (!home.empty() && !HasFailure()) {
-            std::string cmd = "rm -rf '" + home + "'";
-            int ignored = system(cmd.c_str());
-            (void)ignored;
-        } else if (!home.empty()) {
-            fprintf(stderr, "test files kept in %s\n", home.c_str());
-        }
-    }
-
-    void startSimulator()
-    {
-        int in[2], out[2];
-        ASSERT_EQ(pipe(in), 0);
-        ASSERT_EQ(pipe(out), 0);
-        simPid = fork();
-        ASSERT_GE(simPid, 0);
-        if (simPid == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            close(in[0]);
-            close(in[1]);
-            close(out[0]);
-            close(out[1]);
-            std::string bin = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-upssim";
-            execl(bin.c_str(), bin.c_str(), "--log", frames.c_str(), "--quiet", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        simIn = in[1];
-        simOut = fdopen(out[0], "r");
-        ttyPath = readSimLine(10);
-    }
-
-    // One line of the simulator's standard output, waiting at most `seconds`.
-    std::string readSimLine(int seconds)
-    {
-        int fd = fileno(simOut);
-        std::string line;
-        auto end = Clock::now() + std::chrono::seconds(seconds);
-        while (Clock::now() < end) {
-            fd_set set;
-            FD_ZERO(&set);
-            FD_SET(fd, &set);
-            struct timeval tv = {0, 200000};
-            if (select(fd + 1, &set, nullptr, nullptr, &tv) <= 0)
-                continue;
-            char c;
-            if (read(fd, &c, 1) != 1)
-                break;
-            if (c == '\n')
-                return line;
-            line += c;
-        }
-        return line;
-    }
-
-    // A runtime command to the simulator; true when it answered "ok".
-    bool simCommand(const std::string& cmd)
-    {
-        std::string line = cmd + "\n";
-        if (write(simIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-            return false;
-        return readSimLine(10).rfind("ok", 0) == 0;
-    }
+    void TearDown() override { finish(HasFailure()); }
 
     void writeConfiguration()
     {
@@ -239,91 +128,7 @@ protected:
             << "SetUpID=*KESTRAVATEST\n"
             << "AccessCode1=\n"
             << "MemberIDData=0\n";
-        writeFile(home + "Kestrava.ini", ini.str());
-        std::ifstream alert(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc");
-        std::stringstream text;
-        text << alert.rdbuf();
-        writeFile(home + "alert.rc", text.str());
-        writeFile(home + "shutdown.sh", "#!/bin/sh\ndate +%s.%N >> " + shutdownRuns + "\n", 0755);
-        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
-        std::string daemon = std::string(KESTRAVA_BINARY_DIR) + "/kestrava";
-        ASSERT_EQ(symlink(daemon.c_str(), (home + "kestrava").c_str()), 0);
-    }
-
-    void startDaemon()
-    {
-        pid_t starter = fork();
-        ASSERT_GE(starter, 0);
-        if (starter == 0) {
-            setenv("KESTRAVA_PID_FILE", (home + "Kestrava.pid").c_str(), 1);
-            setenv("KESTRAVA_LOCK_DIR", (home + "lock").c_str(), 1);
-            setenv("KESTRAVA_SHUTDOWN_CMD", (home + "shutdown.sh").c_str(), 1);
-            std::string path = home + "bin:" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin");
-            setenv("PATH", path.c_str(), 1);
-            int devnull = open("/dev/null", O_RDWR);
-            if (devnull >= 0) {
-                dup2(devnull, 0);
-                dup2(devnull, 1);
-            }
-            std::string self = home + "kestrava";
-            execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        // The daemon detaches: the started process returns soon, the daemon
-        // lives on under the pid written to the pid file.
-        int status = 0;
-        waitFor([&] { return waitpid(starter, &status, WNOHANG) == starter; }, 20);
-        if (alive(starter) && waitpid(starter, &status, WNOHANG) == 0) {
-            // Not detached after all: it is the daemon itself.
-            daemonPid = starter;
-            directChild = true;
-        }
-        waitFor(
-            [&] {
-                auto l = readLines(home + "Kestrava.pid");
-                if (l.empty())
-                    return false;
-                daemonPid = static_cast<pid_t>(atol(l[0].c_str()));
-                return daemonPid > 0;
-            },
-            20);
-    }
-
-    void stopDaemon()
-    {
-        if (daemonPid <= 0)
-            return;
-        kill(daemonPid, SIGTERM);
-        if (!waitFor([&] { return !alive(daemonPid) || reapedDirect(); }, 15)) {
-            kill(daemonPid, SIGKILL);
-            waitFor([&] { return !alive(daemonPid) || reapedDirect(); }, 5);
-        }
-        daemonPid = -1;
-    }
-
-    bool reapedDirect()
-    {
-        int status;
-        return directChild && waitpid(daemonPid, &status, WNOHANG) == daemonPid;
-    }
-
-    void stopSimulator()
-    {
-        if (simPid <= 0)
-            return;
-        kill(simPid, SIGTERM);
-        int status;
-        if (!waitFor([&] { return waitpid(simPid, &status, WNOHANG) == simPid; }, 10)) {
-            kill(simPid, SIGKILL);
-            waitpid(simPid, &status, 0);
-        }
-        simPid = -1;
-        if (simIn >= 0)
-            close(simIn);
-        if (simOut)
-            fclose(simOut);
-        simIn = -1;
-        simOut = nullptr;
+        writeHomeFiles(ini.str(), "#!/bin/sh\ndate +%s.%N >> " + shutdownRuns + "\n");
     }
 
     // Index in the frame log of the first alarm poll after `from`.
@@ -364,12 +169,7 @@ protected:
         return poll >= 0 ? frameLog(frames)[poll].time : 0;
     }
 
-    std::string home, frames, appRuns, shutdownRuns, ttyPath;
-    pid_t simPid = -1;
-    pid_t daemonPid = -1;
-    bool directChild = false;
-    int simIn = -1;
-    FILE* simOut = nullptr;
+    std::string appRuns, shutdownRuns;
 };
 
 TEST_F(PowerFailure, UtilityLossEndsInUpsPowerOffAndHostShutdown)
@@ -434,7 +234,7 @@ TEST_F(PowerFailure, PowerBackDuringTheCountdownCancelsIt)
     EXPECT_LT(find(frameLog(frames), kPowerOffFrame), 0) << "the UPS was told to power off";
     EXPECT_TRUE(runTimes(appRuns).empty());
     EXPECT_TRUE(runTimes(shutdownRuns).empty());
-    EXPECT_TRUE(alive(daemonPid));
+    EXPECT_TRUE(pidAlive(daemonPid));
 
     const std::string events = eventLog(home + "log");
     EXPECT_TRUE(contains(events, "will shut down in 1 minute")) << events;

@@ -7,72 +7,21 @@
 // The daemon's pauses are the real ones, so these tests take minutes.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
-#include <sys/select.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
-namespace {
+#include "tests/fakes/DaemonSandbox.h"
 
-using SteadyClock = std::chrono::steady_clock;
+namespace {
 
 const char kAuthFrame[] = "AB 04 CF 69 E8 D5 5C";
 // Communication parameter: line speed 19200 (0x4B00).
 const char kStepUpTo19200[] = "AB 05 98 00 01 00 4B 6C";
 // The poll, block by block: "5", "4", "3", "A", ";".
 const std::vector<std::string> kPollCycle = {"35", "34", "33", "41", "3B"};
-
-void writeFile(const std::string& path, const std::string& text, mode_t mode = 0644)
-{
-    std::ofstream out(path, std::ios::trunc);
-    out << text;
-    out.close();
-    chmod(path.c_str(), mode);
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> readLines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line))
-        lines.push_back(line);
-    return lines;
-}
-
-bool waitFor(const std::function<bool()>& done, int seconds)
-{
-    auto end = SteadyClock::now() + std::chrono::seconds(seconds);
-    while (SteadyClock::now() < end) {
-        if (done())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    }
-    return done();
-}
-
-bool alive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
 
 // One line of the simulator's frame log without its time stamp:
 // kind "RX", "TX" or "NOTE", then the text ("AB 01 35 1F",
@@ -111,100 +60,22 @@ int speedIn(const std::string& text)
     return at == std::string::npos ? 0 : atoi(text.c_str() + at + 11);
 }
 
-class UpsLink : public ::testing::Test {
+class UpsLink : public ::testing::Test, public DaemonSandbox {
 protected:
-    void TearDown() override
-    {
-        stopDaemon();
-        stopSimulator();
-        if (!home.empty() && !HasFailure()) {
-            std::string cmd = "rm -rf '" + home + "'";
-            int ignored = system(cmd.c_str());
-            (void)ignored;
-        } else if (!home.empty()) {
-            fprintf(stderr, "test files kept in %s\n", home.c_str());
-        }
-    }
+    UpsLink() : DaemonSandbox("kestrava-link-", 250) {}
+
+    void TearDown() override { finish(HasFailure()); }
 
     // Starts the simulator with the given options and the daemon on its
     // terminal.
     void start(const std::vector<std::string>& simOptions)
     {
-        char tmpl[] = "/tmp/kestrava-link-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        home = tmpl;
-        home += "/";
-        mkdir((home + "lock").c_str(), 0755);
-        mkdir((home + "bin").c_str(), 0755);
-        mkdir((home + "log").c_str(), 0755);
-        frames = home + "frames.log";
+        ASSERT_NO_FATAL_FAILURE(makeHome());
         startSimulator(simOptions);
         ASSERT_FALSE(ttyPath.empty()) << "the simulator printed no terminal path";
         writeConfiguration();
         startDaemon();
         ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
-    }
-
-    void startSimulator(const std::vector<std::string>& options)
-    {
-        int in[2], out[2];
-        ASSERT_EQ(pipe(in), 0);
-        ASSERT_EQ(pipe(out), 0);
-        simPid = fork();
-        ASSERT_GE(simPid, 0);
-        if (simPid == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            close(in[0]);
-            close(in[1]);
-            close(out[0]);
-            close(out[1]);
-            std::string bin = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-upssim";
-            std::vector<std::string> args = {bin, "--log", frames, "--quiet"};
-            args.insert(args.end(), options.begin(), options.end());
-            std::vector<char*> argv;
-            for (std::string& a : args)
-                argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execv(bin.c_str(), argv.data());
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        simIn = in[1];
-        simOut = out[0];
-        ttyPath = readSimLine(10);
-    }
-
-    // One line of the simulator's standard output, waiting at most `seconds`.
-    std::string readSimLine(int seconds)
-    {
-        std::string line;
-        auto end = SteadyClock::now() + std::chrono::seconds(seconds);
-        while (SteadyClock::now() < end) {
-            fd_set set;
-            FD_ZERO(&set);
-            FD_SET(simOut, &set);
-            struct timeval tv = {0, 200000};
-            if (select(simOut + 1, &set, nullptr, nullptr, &tv) <= 0)
-                continue;
-            char c;
-            if (read(simOut, &c, 1) != 1)
-                break;
-            if (c == '\n')
-                return line;
-            line += c;
-        }
-        return line;
-    }
-
-    // A runtime command to the simulator; true when it answered "ok".
-    bool simCommand(const std::string& cmd)
-    {
-        std::string line = cmd + "\n";
-        if (write(simIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-            return false;
-        return readSimLine(10).rfind("ok", 0) == 0;
     }
 
     void writeConfiguration()
@@ -230,86 +101,7 @@ protected:
             << "MemberPort=" << base + 2 << "\n"
             << "GroupName=UpsLinkTest\n"
             << "AccessCode1=\n";
-        writeFile(home + "Kestrava.ini", ini.str());
-        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"));
-        writeFile(home + "shutdown.sh", "#!/bin/sh\necho shutdown >> " + home + "shutdown-runs\n", 0755);
-        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
-        std::string daemon = std::string(KESTRAVA_BINARY_DIR) + "/kestrava";
-        ASSERT_EQ(symlink(daemon.c_str(), (home + "kestrava").c_str()), 0);
-    }
-
-    void startDaemon()
-    {
-        pid_t starter = fork();
-        ASSERT_GE(starter, 0);
-        if (starter == 0) {
-            setenv("KESTRAVA_PID_FILE", (home + "Kestrava.pid").c_str(), 1);
-            setenv("KESTRAVA_LOCK_DIR", (home + "lock").c_str(), 1);
-            setenv("KESTRAVA_SHUTDOWN_CMD", (home + "shutdown.sh").c_str(), 1);
-            std::string path = home + "bin:" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin");
-            setenv("PATH", path.c_str(), 1);
-            int devnull = open("/dev/null", O_RDWR);
-            if (devnull >= 0) {
-                dup2(devnull, 0);
-                dup2(devnull, 1);
-            }
-            std::string self = home + "kestrava";
-            execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        // The daemon detaches: the started process returns soon and the
-        // daemon lives on under the pid in the pid file.
-        int status = 0;
-        bool returned = waitFor([&] { return waitpid(starter, &status, WNOHANG) == starter; }, 20);
-        if (!returned) {
-            daemonPid = starter;
-            directChild = true;
-        }
-        waitFor(
-            [&] {
-                auto l = readLines(home + "Kestrava.pid");
-                if (l.empty())
-                    return false;
-                daemonPid = static_cast<pid_t>(atol(l[0].c_str()));
-                return daemonPid > 0;
-            },
-            20);
-    }
-
-    bool reapedDirect()
-    {
-        int status;
-        return directChild && waitpid(daemonPid, &status, WNOHANG) == daemonPid;
-    }
-
-    void stopDaemon()
-    {
-        if (daemonPid <= 0)
-            return;
-        kill(daemonPid, SIGTERM);
-        if (!waitFor([&] { return !alive(daemonPid) || reapedDirect(); }, 15)) {
-            kill(daemonPid, SIGKILL);
-            waitFor([&] { return !alive(daemonPid) || reapedDirect(); }, 5);
-        }
-        daemonPid = -1;
-    }
-
-    void stopSimulator()
-    {
-        if (simPid > 0) {
-            kill(simPid, SIGTERM);
-            int status;
-            if (!waitFor([&] { return waitpid(simPid, &status, WNOHANG) == simPid; }, 10)) {
-                kill(simPid, SIGKILL);
-                waitpid(simPid, &status, 0);
-            }
-            simPid = -1;
-        }
-        if (simIn >= 0)
-            close(simIn);
-        if (simOut >= 0)
-            close(simOut);
-        simIn = simOut = -1;
+        writeHomeFiles(ini.str(), "#!/bin/sh\necho shutdown >> " + home + "shutdown-runs\n");
     }
 
     // Codes of the frames the simulator took, from log line `from` on.
@@ -366,13 +158,6 @@ protected:
     }
 
     std::string upsCommText() { return readFile(home + "upsCommInfo.tmp"); }
-
-    std::string home, frames, ttyPath;
-    pid_t simPid = -1;
-    pid_t daemonPid = -1;
-    bool directChild = false;
-    int simIn = -1;
-    int simOut = -1;
 };
 
 TEST_F(UpsLink, HuntsStepsUpIdentifiesPollsAndRecoversFromSilence)
@@ -442,7 +227,7 @@ TEST_F(UpsLink, HuntsStepsUpIdentifiesPollsAndRecoversFromSilence)
     ASSERT_TRUE(waitFor([&] { return pollsSince(static_cast<size_t>(again)) >= 2; }, 60))
         << "polling did not resume";
     EXPECT_TRUE(pollsInOrder(takenCodes(frameLog(frames), static_cast<size_t>(again) + 1), 1));
-    EXPECT_TRUE(alive(daemonPid));
+    EXPECT_TRUE(pidAlive(daemonPid));
 }
 
 TEST_F(UpsLink, StepsUpOnlyToTheFastestOfferedSpeed)
