@@ -57,6 +57,20 @@ public:
         mkdir((home + "log").c_str(), 0755);
     }
 
+    // The Kestrava.ini keys every sandboxed daemon needs: this home as its
+    // path, no meter log, and its console, controller and member ports on
+    // the loopback from `basePort` on.
+    std::string homeKeys(int basePort) const
+    {
+        return "Path=" + home.substr(0, home.size() - 1) + "\n" +
+               "DumpLogRate=0\n"
+               "DumpLogDays=30\n"
+               "CuiPort=" + std::to_string(basePort) + "\n" +
+               "IPAddress=127.0.0.1\n"
+               "CtrlPort1=" + std::to_string(basePort + 1) + "\n" +
+               "MemberPort=" + std::to_string(basePort + 2) + "\n";
+    }
+
     // Kestrava.ini with `ini`, the shipped alert.rc, "shutdown.sh" with
     // `shutdownScript`, the fake `wall` (appends its text to "wall.txt")
     // and the `kestrava` symlink to the daemon.

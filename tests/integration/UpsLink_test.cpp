@@ -92,13 +92,7 @@ protected:
             << "AppTermTimeOut1=30\n"
             << "ShutdownDelay1=120\n"
             << "AppTermCommand1=true\n"
-            << "Path=" << home.substr(0, home.size() - 1) << "\n"
-            << "DumpLogRate=0\n"
-            << "DumpLogDays=30\n"
-            << "CuiPort=" << base << "\n"
-            << "IPAddress=127.0.0.1\n"
-            << "CtrlPort1=" << base + 1 << "\n"
-            << "MemberPort=" << base + 2 << "\n"
+            << homeKeys(base)
             << "GroupName=UpsLinkTest\n"
             << "AccessCode1=\n";
         writeHomeFiles(ini.str(), "#!/bin/sh\necho shutdown >> " + home + "shutdown-runs\n");
