@@ -1,9 +1,11 @@
 // EventRecords: event records for tests of the controller core and the
 // threads it feeds: eventRecord fills one (addressee, code, parameters) the
 // way the core queues it, drainEvents takes every queued event out of a
-// local controller core, oldest first.
+// local controller core, oldest first; describe/drainDescribed give them as
+// "to:code:p0,p1,..." texts for compact comparisons.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "control/Records.h"
@@ -26,5 +28,21 @@ inline std::vector<EVENTMSGINFO> drainEvents(StCTrl& ctrl)
     EVENTMSGINFO ev;
     while (ctrl.popHeadForTest(&ev))
         out.push_back(ev);
+    return out;
+}
+
+inline std::string describe(const EVENTMSGINFO& ev)
+{
+    std::string s = std::to_string(ev.to) + ":" + std::to_string(ev.code) + ":";
+    for (int i = 0; i < ev.count; ++i)
+        s += (i ? "," : "") + std::to_string(ev.params[i]);
+    return s;
+}
+
+inline std::vector<std::string> drainDescribed(StCTrl& ctrl)
+{
+    std::vector<std::string> out;
+    for (const EVENTMSGINFO& ev : drainEvents(ctrl))
+        out.push_back(describe(ev));
     return out;
 }
