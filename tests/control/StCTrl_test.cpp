@@ -3,37 +3,35 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "config/FileMap.h"
 #include "control/StCTrl.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/TempConfig.h"
 
 namespace {
+using V = std::vector<std::string>;
 
-EVENTMSGINFO event(int to, int code, int p0 = 0) { return eventRecord(to, code, {p0}); }
-
-} // namespace
+void post(StCTrl& ctrl, int to, int code, int p0 = 0)
+{
+    EVENTMSGINFO ev = eventRecord(to, code, {p0});
+    ctrl.SetEvent(&ev);
+}
 
 TEST(StCTrlQueue, EventsAreTakenInOneGlobalOrderAcrossThreads)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-
     const int total = 10;
-    for (int i = 0; i < total; ++i) {
-        EVENTMSGINFO ev = event(i % 2 ? 4 : 3, 200, i);
-        ctrl.SetEvent(&ev);
-    }
+    for (int i = 0; i < total; ++i)
+        post(ctrl, i % 2 ? 4 : 3, 200, i);
     // Event i can only be taken once every earlier event has left the queue,
-    // so right after taking it at most total - 1 - i events remain (others
-    // may have been taken meanwhile, never fewer removed). Each thread also
-    // sees its own events in posting order.
+    // so right after taking it at most total - 1 - i events remain. Each
+    // thread also sees its own events in posting order.
     auto consumer = [&](int me) {
         int last = -1;
         for (int n = 0; n < total / 2; ++n) {
@@ -54,17 +52,13 @@ TEST(StCTrlQueue, EventsAreTakenInOneGlobalOrderAcrossThreads)
     EXPECT_EQ(ctrl.queuedEvents(), 0u);
 }
 
-TEST(StCTrlQueue, HeadForAnIdleThreadBlocksEveryoneBehindIt)
+TEST(StCTrlQueue, HeadForAnIdleThreadBlocksEveryoneBehindItAndWaitersWake)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-
-    EVENTMSGINFO head = event(7, 1, 70);
-    EVENTMSGINFO behind = event(4, 2, 40);
-    ctrl.SetEvent(&head);
-    ctrl.SetEvent(&behind);
-
+    post(ctrl, 7, 1, 70);
+    post(ctrl, 4, 2, 40);
     std::atomic<bool> got{false};
     std::thread four([&] {
         EVENTMSGINFO ev;
@@ -74,28 +68,21 @@ TEST(StCTrlQueue, HeadForAnIdleThreadBlocksEveryoneBehindIt)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     EXPECT_FALSE(got.load()) << "thread 4 overtook the head of the queue";
-
     EVENTMSGINFO ev;
-    ctrl.GetEvent(&ev, 7); // the idle thread finally takes its event
+    ctrl.GetEvent(&ev, 7);  // the idle thread finally takes its event
     EXPECT_EQ(ev.params[0], 70);
     four.join();
     EXPECT_TRUE(got.load());
     EXPECT_EQ(ctrl.queuedEvents(), 0u);
-}
 
-TEST(StCTrlQueue, WaiterOnEmptyQueueWakesForItsEvent)
-{
-    TempConfig cfg("UPSController=1\n");
-    ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map());
+    // A waiter on the empty queue wakes for its event.
     std::thread waiter([&] {
-        EVENTMSGINFO ev;
-        ctrl.GetEvent(&ev, 5);
-        EXPECT_EQ(ev.code, 501);
+        EVENTMSGINFO mine;
+        ctrl.GetEvent(&mine, 5);
+        EXPECT_EQ(mine.code, 501);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EVENTMSGINFO ev = event(5, 501);
-    ctrl.SetEvent(&ev);
+    post(ctrl, 5, 501);
     waiter.join();
 }
 
@@ -104,7 +91,6 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllers)
     TempConfig cfg("UPSController=2\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-
     // One controller: never a log code.
     EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 0), 0);
     EXPECT_EQ(ctrl.SetOutPutStatus(false, false, 0), 0);
@@ -125,29 +111,23 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllers)
 TEST(StCTrlStatus, ContInfoChangesAreReportedOnlyOffTheControllerRole)
 {
     ManualClock clock;
-    {
-        TempConfig cfg("UPSController=1\n");
-        StCTrl ctrl(&clock, cfg.map());
-        ctrl.ShutDownSetPFStatus(0, 1);
-        ctrl.CheckContInfo();
-        EXPECT_EQ(ctrl.queuedEvents(), 0u);
-    }
-    {
-        TempConfig cfg("UPSController=2\n");
-        StCTrl ctrl(&clock, cfg.map());
-        ctrl.CheckContInfo();
-        EXPECT_EQ(ctrl.queuedEvents(), 0u);
-        ctrl.ShutDownSetCommStatus(1, 2);
-        ctrl.CheckContInfo();
-        ctrl.CheckContInfo(); // the snapshot now matches: no second report
-        auto events = drainEvents(ctrl);
-        ASSERT_EQ(events.size(), 1u);
-        EXPECT_EQ(events[0].to, 5);
-        EXPECT_EQ(events[0].code, 504);
-    }
+    TempConfig controller("UPSController=1\n");
+    StCTrl c(&clock, controller.map());
+    c.ShutDownSetPFStatus(0, 1);
+    c.CheckContInfo();
+    EXPECT_EQ(c.queuedEvents(), 0u);
+
+    TempConfig member("UPSController=2\n");
+    StCTrl m(&clock, member.map());
+    m.CheckContInfo();
+    EXPECT_EQ(m.queuedEvents(), 0u);
+    m.ShutDownSetCommStatus(1, 2);
+    m.CheckContInfo();
+    m.CheckContInfo();  // the snapshot now matches: no second report
+    EXPECT_EQ(drainDescribed(m), V{"5:504:"});
 }
 
-TEST(StCTrlBuilders, TimerAndLogBuildersFillTheDocumentedRecords)
+TEST(StCTrlBuilders, TimerAndLogRecordsCarryTheComputedTimes)
 {
     TempConfig cfg("UPSController=1\nWinkTime1=60\nShutdownTime1=5\nAppTermTimeOut1=120\nShutdownDelay1=180\n"
                    "AppTermCommand1=\"/bin/true --x\"\nDumpLogRate=10\n");
@@ -155,152 +135,26 @@ TEST(StCTrlBuilders, TimerAndLogBuildersFillTheDocumentedRecords)
     StCTrl ctrl(&clock, cfg.map());
     ctrl.refreshNow();
     ctrl.setShutdownTiming(0);
-    EXPECT_EQ(ctrl.getWinkTime(0), 60);
-    EXPECT_EQ(ctrl.getCountdownTime(0), 5);
-    EXPECT_EQ(ctrl.getAppEndTime(0), 120);
-    EXPECT_EQ(ctrl.getShutdownDelay(0), 180);
-    EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x");
+    EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x");  // quotes removed
 
     EVENTMSGINFO ev;
-    ctrl.setWinkTimerStartEvent(&ev, 10, 8);
-    EXPECT_EQ(ev.to, 0);
-    EXPECT_EQ(ev.code, 100);
-    EXPECT_EQ(ev.count, 4);
-    EXPECT_EQ(ev.params[0], 3);
-    EXPECT_EQ(ev.params[1], 1000000 + 60 - 10);
-    EXPECT_EQ(ev.params[2], 0);
-    EXPECT_EQ(ev.params[3], 8);
-
+    ctrl.setWinkTimerStartEvent(&ev, 10, 8);  // wink 60 s, 10 s of it gone
+    EXPECT_EQ(describe(ev), "0:100:3,1000050,0,8");
     ctrl.setShutdownTimerStartEvent(&ev, 15, 8);
-    EXPECT_EQ(ev.params[0], 7);
-    EXPECT_EQ(ev.params[1], 1000000 - 15 + 60);
-    EXPECT_EQ(ev.params[2], 60);
-
-    ctrl.setDummyAppTermTimerStart(&ev, 8);
-    EXPECT_EQ(ev.params[0], 12);
-    EXPECT_EQ(ev.params[1], 1000000 + 300);
-
+    EXPECT_EQ(describe(ev), "0:100:7,1000045,60,8");
+    ctrl.setDummyAppTermTimerStart(&ev, 8);  // 120 + 180 s
+    EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
     // The log-deletion "stop" builder keeps the id and times the record held.
-    ctrl.setDummyAppTermTimerStart(&ev, 8);
     ctrl.setLogDeleteTimerStopEvent(&ev);
-    EXPECT_EQ(ev.code, 100);
-    EXPECT_EQ(ev.count, 4);
-    EXPECT_EQ(ev.params[0], 12);
-    EXPECT_EQ(ev.params[1], 1000000 + 300);
-    EXPECT_EQ(ev.params[3], 8);
-
+    EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
     ctrl.setMeterTimerStartEvent(&ev);
-    EXPECT_EQ(ev.code, 100);
-    EXPECT_EQ(ev.params[0], 11);
-    EXPECT_EQ(ev.params[1], 1000000 + 600);
-    EXPECT_EQ(ev.params[2], 600);
+    EXPECT_EQ(describe(ev), "0:100:11,1000600,600,8");
 
     ctrl.power(0).remaining = 4;
     ASSERT_TRUE(ctrl.setPowerLogEvent(&ev, 0, 8));
-    EXPECT_EQ(ev.to, 5);
-    EXPECT_EQ(ev.code, 500);
-    EXPECT_EQ(ev.count, 3);
-    EXPECT_EQ(ev.params[0], 8);
-    EXPECT_EQ(ev.params[1], 0);
-    EXPECT_EQ(ev.params[2], 4);
+    EXPECT_EQ(describe(ev), "5:500:8,0,4");
     ASSERT_TRUE(ctrl.setPowerLogEvent(&ev, 11, 8));
-    EXPECT_EQ(ev.count, 2);
-
-    int32_t list[] = {14, 357, 15};
-    EXPECT_EQ(StCTrl::searchNo(list, 3, 357), 0);
-    EXPECT_EQ(StCTrl::searchNo(list, 3, 16), 1);
-    EXPECT_EQ(StCTrl::searchNo(list, 0, 14), 1);
-}
-
-TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
-{
-    TempConfig cfg("UPSController=1\n");
-    ManualClock clock(5000);
-    StCTrl ctrl(&clock, cfg.map());
-    ctrl.LetsGo(true);
-    auto ev = drainEvents(ctrl);
-    ASSERT_EQ(ev.size(), 5u);
-    EXPECT_EQ(ev[0].code, 500);
-    EXPECT_EQ(ev[0].params[0], 1);
-    EXPECT_EQ(ev[0].params[1], 6);
-    EXPECT_EQ(ev[1].params[1], 265);
-    EXPECT_EQ(ev[2].code, 501);
-    EXPECT_EQ(ev[2].count, 1);
-    EXPECT_EQ(ev[2].params[0], 0);
-    EXPECT_EQ(ev[3].code, 100);
-    EXPECT_EQ(ev[3].params[0], 16);
-    EXPECT_EQ(ev[3].params[1], 5000 + 1800);
-    EXPECT_EQ(ev[3].params[2], 1800);
-    EXPECT_EQ(ev[4].code, 100);
-    EXPECT_EQ(ev[4].params[0], 1);
-    EXPECT_EQ(ev[4].params[1], 5005);
-
-    TempConfig member("UPSController=2\n");
-    StCTrl m(&clock, member.map());
-    m.LetsGo(false);
-    auto mev = drainEvents(m);
-    ASSERT_EQ(mev.size(), 1u);
-    EXPECT_EQ(mev[0].params[1], 6);
-}
-
-TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
-{
-    TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
-    ManualClock clock(7000);
-    StCTrl ctrl(&clock, cfg.map());
-    _NOTIFYMSGINFO nt{};
-
-    nt.code = 2001;
-    ctrl.SetNotify(&nt);
-    EXPECT_EQ(ctrl.GetStateUPS(), 1);
-    auto ev = drainEvents(ctrl);
-    ASSERT_EQ(ev.size(), 3u); // detect timer, log 10, meter control 9
-    EXPECT_EQ(ev[0].params[0], 1);
-    EXPECT_EQ(ev[1].params[1], 10);
-    EXPECT_EQ(ev[2].params[0], 9);
-
-    nt.code = 2001; // a second failure only restarts detection
-    ctrl.SetNotify(&nt);
-    EXPECT_EQ(drainEvents(ctrl).size(), 1u);
-
-    nt.code = 2000;
-    ctrl.SetNotify(&nt);
-    EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    ev = drainEvents(ctrl);
-    ASSERT_EQ(ev.size(), 5u); // polling timer, log 11, meter control 10, meter timer stop + start
-    EXPECT_EQ(ev[0].params[0], 2);
-    EXPECT_EQ(ev[1].params[1], 11);
-    EXPECT_EQ(ev[2].params[0], 10);
-    EXPECT_EQ(ev[3].code, 102);
-    EXPECT_EQ(ev[4].code, 100);
-    EXPECT_EQ(ev[4].params[0], 11);
-
-    nt.code = 2003;
-    ctrl.SetNotify(&nt);
-    EXPECT_EQ(ctrl.GetStateUPS(), 3);
-    EXPECT_EQ(drainEvents(ctrl).size(), 3u);
-    ctrl.SetNotify(&nt); // already in error: ignored
-    EXPECT_EQ(drainEvents(ctrl).size(), 0u);
-
-    // The detect timer now asks for event 203 instead of 200.
-    nt.code = 1000;
-    nt.count = 3;
-    nt.params[0] = 1;
-    nt.params[1] = 0;
-    nt.params[2] = 8;
-    ctrl.SetNotify(&nt);
-    ev = drainEvents(ctrl);
-    ASSERT_EQ(ev.size(), 1u);
-    EXPECT_EQ(ev[0].to, 2);
-    EXPECT_EQ(ev[0].code, 203);
-
-    nt = _NOTIFYMSGINFO{};
-    nt.code = 2006;
-    ctrl.SetNotify(&nt);
-    EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    ev = drainEvents(ctrl);
-    ASSERT_EQ(ev.size(), 3u);
-    EXPECT_EQ(ev[0].params[0], 2);
+    EXPECT_EQ(describe(ev), "5:500:8,11");
 }
 
 TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownStarted)
@@ -322,3 +176,44 @@ TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownSt
         EXPECT_EQ(ev.params[1], code);
     }
 }
+
+TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
+{
+    TempConfig cfg("UPSController=1\n");
+    ManualClock clock(5000);
+    StCTrl ctrl(&clock, cfg.map());
+    ctrl.LetsGo(true);
+    EXPECT_EQ(drainDescribed(ctrl),
+              (V{"5:500:1,6", "5:500:1,265", "5:501:0", "0:100:16,6800,1800,8", "0:100:1,5005,0,8"}));
+
+    TempConfig member("UPSController=2\n");
+    StCTrl m(&clock, member.map());
+    m.LetsGo(false);
+    EXPECT_EQ(drainDescribed(m), V{"5:500:1,6"});
+}
+
+TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
+{
+    TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
+    ManualClock clock(7000);
+    StCTrl ctrl(&clock, cfg.map());
+    auto notify = [&](int code, std::vector<int> params = {}) {
+        _NOTIFYMSGINFO nt{code, 0, {}};
+        for (int p : params)
+            nt.params[nt.count++] = p;
+        ctrl.SetNotify(&nt);
+        return drainDescribed(ctrl);
+    };
+    EXPECT_EQ(notify(2001), (V{"0:100:1,7005,0,8", "5:500:8,10", "5:501:9"}));  // not found
+    EXPECT_EQ(ctrl.GetStateUPS(), 1);
+    EXPECT_EQ(notify(2001), V{"0:100:1,7005,0,8"});  // a second failure only restarts detection
+    EXPECT_EQ(notify(2000), (V{"0:100:2,7005,0,8", "5:500:8,11", "5:501:10", "0:102:11", "0:100:11,7300,300,8"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), 2);
+    EXPECT_EQ(notify(2003), (V{"0:100:1,7005,0,8", "5:501:9", "5:500:8,10"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), 3);
+    EXPECT_EQ(notify(2003), V{});  // already in error: ignored
+    EXPECT_EQ(notify(1000, {1, 0, 8}), V{"2:203:"});  // the detect timer now asks for 203
+    EXPECT_EQ(notify(2006), (V{"0:100:2,7005,0,8", "5:501:10", "5:500:8,11"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), 2);
+}
+} // namespace
