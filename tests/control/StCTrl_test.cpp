@@ -127,10 +127,10 @@ TEST(StCTrlStatus, ContInfoChangesAreReportedOnlyOffTheControllerRole)
     EXPECT_EQ(drainDescribed(m), V{"5:504:"});
 }
 
-TEST(StCTrlBuilders, TimerAndLogRecordsCarryTheComputedTimes)
+TEST(StCTrlBuilders, TimerRecordsCarryTheConfiguredTimes)
 {
-    TempConfig cfg("UPSController=1\nWinkTime1=60\nShutdownTime1=5\nAppTermTimeOut1=120\nShutdownDelay1=180\n"
-                   "AppTermCommand1=\"/bin/true --x\"\nDumpLogRate=10\n");
+    TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n"
+                   "DumpLogRate=10\n");
     ManualClock clock(1000000);
     StCTrl ctrl(&clock, cfg.map());
     ctrl.refreshNow();
@@ -138,10 +138,6 @@ TEST(StCTrlBuilders, TimerAndLogRecordsCarryTheComputedTimes)
     EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x");  // quotes removed
 
     EVENTMSGINFO ev;
-    ctrl.setWinkTimerStartEvent(&ev, 10, 8);  // wink 60 s, 10 s of it gone
-    EXPECT_EQ(describe(ev), "0:100:3,1000050,0,8");
-    ctrl.setShutdownTimerStartEvent(&ev, 15, 8);
-    EXPECT_EQ(describe(ev), "0:100:7,1000045,60,8");
     ctrl.setDummyAppTermTimerStart(&ev, 8);  // 120 + 180 s
     EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
     // The log-deletion "stop" builder keeps the id and times the record held.
@@ -149,12 +145,6 @@ TEST(StCTrlBuilders, TimerAndLogRecordsCarryTheComputedTimes)
     EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
     ctrl.setMeterTimerStartEvent(&ev);
     EXPECT_EQ(describe(ev), "0:100:11,1000600,600,8");
-
-    ctrl.power(0).remaining = 4;
-    ASSERT_TRUE(ctrl.setPowerLogEvent(&ev, 0, 8));
-    EXPECT_EQ(describe(ev), "5:500:8,0,4");
-    ASSERT_TRUE(ctrl.setPowerLogEvent(&ev, 11, 8));
-    EXPECT_EQ(describe(ev), "5:500:8,11");
 }
 
 TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownStarted)
