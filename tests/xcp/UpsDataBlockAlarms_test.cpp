@@ -1,5 +1,5 @@
 // Alarm tracking in the UPS data (supported alarms, states, activation
-// times, change codes, utility and battery flags, the reference time of the
+// times, change codes, the utility flag, the reference time of the
 // power alarms) and the meter summary line.
 #include <gtest/gtest.h>
 
@@ -68,12 +68,9 @@ TEST(UpsDataBlockAlarmsTest, ChangesAreReportedOnceWithTheirCodes)
     poll(d, 1, 1, 0);
     EXPECT_EQ(std::vector<int>({16, 357, 15}), codes(d));
     EXPECT_EQ(0, *d.getAlertTime(59));
-    EXPECT_EQ(0, d.batteryFlag(0));
-    EXPECT_EQ(1, d.utilityFlagA(0));
     poll(d, 0, 0, 0);
     EXPECT_EQ(std::vector<int>({17, 657}), codes(d));
     EXPECT_TRUE(d.isUtilityNotParent(0));
-    EXPECT_EQ(1, d.batteryFlag(0));
 }
 
 TEST(UpsDataBlockAlarmsTest, AlarmsTwoTwentyEightAndNineClearAlike)
