@@ -3,16 +3,22 @@
 // a condition until it holds or the time is up, waitBounded waits for a
 // child and kills it when it does not end in time; deadPid gives a pid that
 // belonged to a process already ended and reaped; pidAlive tells whether a
-// pid (not necessarily a child) is still in use.
+// pid (not necessarily a child) is still in use; runChild and runProgram run
+// a function or a program in a child with its output captured.
 #pragma once
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
+#include <string>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
+
+#include "tests/fakes/TempDir.h"
 
 // Checks `cond` every `pollMs` until it holds or `seconds` have passed;
 // whether it held (checked once more at the end).
@@ -56,3 +62,56 @@ inline pid_t deadPid()
 
 // True while a process with this pid exists (ours to signal or not).
 inline bool pidAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+// What a child run by runChild did: its exit status (-1 when it did not
+// exit normally in time) and what it wrote on standard output and error.
+struct ChildRun {
+    int status = -1;
+    std::string out, err;
+};
+
+// A fresh name stem in `scratch` for the output files of one child.
+inline std::string childFileStem(const std::string& scratch)
+{
+    static int runs = 0;
+    return scratch + "/child-" + std::to_string(++runs);
+}
+
+// Runs fn in a forked child whose standard output and error go to files in
+// `scratch`, and waits at most `seconds` for it (it is killed after that).
+// The child ends with status 0 when fn returns (unflushed stdio output is
+// lost then).
+template <typename Fn>
+ChildRun runChild(const std::string& scratch, Fn fn, int seconds = 20)
+{
+    const std::string stem = childFileStem(scratch);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int out = open((stem + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int err = open((stem + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
+            _exit(126);
+        fn();
+        _exit(0);
+    }
+    ChildRun run;
+    int status = pid < 0 ? -1 : waitBounded(pid, seconds);
+    if (status != -1 && WIFEXITED(status))
+        run.status = WEXITSTATUS(status);
+    run.out = readFile(stem + ".out");
+    run.err = readFile(stem + ".err");
+    return run;
+}
+
+// Runs a program (args[0] is its path) the same way.
+inline ChildRun runProgram(const std::string& scratch, const std::vector<std::string>& args, int seconds = 20)
+{
+    return runChild(scratch, [&] {
+        std::vector<char*> argv;
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }, seconds);
+}
