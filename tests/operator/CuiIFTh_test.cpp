@@ -10,7 +10,6 @@
 #include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -89,35 +88,6 @@ int ask(int fd, int command, const char* key = "", const char* value = "")
     if (!sendRequest(fd, command, key, value) || recv(fd, &rec, sizeof rec, MSG_WAITALL) != sizeof rec)
         return -1;
     return rec.command;
-}
-
-struct ProcessResult {
-    int status = -1; // exit status, -1 when it did not exit normally within 20 s
-    std::string out, err;
-};
-
-// Runs a program with its output in files in `scratch`.
-ProcessResult run(const std::vector<std::string>& args, const std::string& scratch)
-{
-    const std::string outPath = scratch + "/out.txt", errPath = scratch + "/err.txt";
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (!freopen(outPath.c_str(), "w", stdout) || !freopen(errPath.c_str(), "w", stderr))
-            _exit(126);
-        std::vector<char*> argv;
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ProcessResult result;
-    int status = waitBounded(pid, 20);
-    if (status != -1 && WIFEXITED(status))
-        result.status = WEXITSTATUS(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
 }
 
 class CuiIFThTest : public ::testing::Test {
@@ -212,12 +182,12 @@ TEST_F(CuiIFThTest, UnknownCommandIsIgnoredAndAShortRequestEndsOnlyItsConnection
 TEST_F(CuiIFThTest, ConsoleClientPingsAndSets)
 {
     close(connectTo(port)); // the server listens
-    ProcessResult r = run({kConsole, "--port", std::to_string(port), "ping"}, tmp.path());
+    ChildRun r = runProgram(tmp.path(), {kConsole, "--port", std::to_string(port), "ping"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "kestrava-console: daemon answered\n");
 
     // The port comes from the given Kestrava.ini.
-    r = run({kConsole, "--config", ini, "set", "DumpLogRate", "10"}, tmp.path());
+    r = runProgram(tmp.path(), {kConsole, "--config", ini, "set", "DumpLogRate", "10"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "kestrava-console: DumpLogRate set to 10\n");
     EXPECT_NE(readFile(ini).find("DumpLogRate= 10\n"), std::string::npos);
@@ -228,24 +198,24 @@ TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
     TempDir tmp("console_test.");
     const std::string dir = tmp.path();
     int port = freePort();
-    ProcessResult r = run({kConsole, "--port", std::to_string(port), "ping"}, dir);
+    ChildRun r = runProgram(dir, {kConsole, "--port", std::to_string(port), "ping"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("no daemon listens on 127.0.0.1 port " + std::to_string(port)), std::string::npos) << r.err;
 
     // Something listens but never answers.
     int fd = boundSocket(&port, true);
-    r = run({kConsole, "--timeout", "1", "--port", std::to_string(port), "set", "A", "b"}, dir);
+    r = runProgram(dir, {kConsole, "--timeout", "1", "--port", std::to_string(port), "set", "A", "b"});
     close(fd);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
 
     // Usage errors: status 2 with a hint; --help explains.
-    r = run({kConsole, "ping"}, dir);
+    r = runProgram(dir, {kConsole, "ping"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("--port N or the daemon's Kestrava.ini with --config FILE"), std::string::npos) << r.err;
-    EXPECT_EQ(run({kConsole, "--port", "1", "set", "Key", "two\nlines"}, dir).status, 2);
-    r = run({kConsole, "--help"}, dir);
+    EXPECT_EQ(runProgram(dir, {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
+    r = runProgram(dir, {kConsole, "--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("set KEY VALUE"), std::string::npos);
 }
@@ -255,9 +225,7 @@ TEST(CuiIFThAccept, AcceptFailureEndsTheProcessWithStatus1)
     // In a child: the failing accept ends the whole process.
     TempDir tmp("cuiifth_exit.");
     writeFile(tmp.file("Kestrava.ini"), "CuiPort=" + std::to_string(freePort()) + "\n");
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    ChildRun r = runChild(tmp.path(), [&] {
         FileMap config(tmp.file("Kestrava.ini"));
         gpMapConfig = &config;
         ManualClock clock;
@@ -269,10 +237,8 @@ TEST(CuiIFThAccept, AcceptFailureEndsTheProcessWithStatus1)
         shutdown(server.listenSocket(), SHUT_RDWR); // not a stop request
         sleep(10);
         _exit(7);
-    }
-    int status = waitBounded(pid, 30);
-    ASSERT_NE(status, -1) << "child did not end";
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    }, 30);
+    EXPECT_EQ(r.status, 1);
 }
 
 } // namespace
