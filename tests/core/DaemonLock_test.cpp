@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -53,31 +52,9 @@ pid_t liveChild()
     return pid;
 }
 
-struct ChildResult {
-    int status = -1; // exit status; -1 when it did not exit within 10 s
-    std::string err;
-};
-
-// Runs fn in a forked child whose standard error is captured; the child ends
-// with status 0 when fn returns.
+// Runs fn in a child (at most 10 s); its exit status and standard error.
 template <typename Fn>
-ChildResult inChild(Fn fn)
-{
-    std::string errPath = gPaths.dir + "/child-stderr";
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 2);
-        fn();
-        _exit(0);
-    }
-    ChildResult res;
-    int status = waitBounded(pid, 10);
-    if (status != -1 && WIFEXITED(status))
-        res.status = WEXITSTATUS(status);
-    res.err = readFile(errPath);
-    return res;
-}
+ChildRun inChild(Fn fn) { return runChild(gPaths.dir, fn, 10); }
 
 // Pid as the lock file's text: "%d\n", padded when it would be exactly four
 // bytes long (four bytes are read as the binary lock format).
@@ -142,7 +119,7 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
 
     // While the holder lives nobody else gets the device, and a refused
     // taker leaves the lock alone.
-    ChildResult second = inChild([] { ttysLock("ttyA0"); });
+    ChildRun second = inChild([] { ttysLock("ttyA0"); });
     EXPECT_EQ(second.status, 255);
     EXPECT_EQ(second.err, "Device ttyA0 is locked.\n");
     EXPECT_EQ(readFile(lock), std::to_string(holder) + "\n");
@@ -154,7 +131,7 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
     for (const std::string& content : {binaryPid(live), std::string(), std::string("0\n"), std::string("-7\n"),
                                        std::string("garbage\n")}) {
         writeFile(lock, content);
-        ChildResult r = inChild([] { ttysLock("ttyA0"); });
+        ChildRun r = inChild([] { ttysLock("ttyA0"); });
         EXPECT_EQ(r.status, 255) << "content '" << content << "'";
         EXPECT_EQ(r.err, "Device ttyA0 is locked.\n") << "content '" << content << "'";
         EXPECT_EQ(readFile(lock), content);
@@ -162,7 +139,7 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
     waitBounded(live, 0);
 
     // A lock that cannot be created (no such directory) ends the process too.
-    ChildResult r = inChild([] { ttysLock("nodir/ttyC2"); });
+    ChildRun r = inChild([] { ttysLock("nodir/ttyC2"); });
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.err, "You cannot use device.\nCheck other device." + lockPath("nodir/ttyC2"));
 }
@@ -188,7 +165,7 @@ TEST(DaemonLock, BecomeDaemonRecordsTheChildOverAStalePidFile)
     std::string marker = gPaths.dir + "/daemon-child";
     writeFile(kPidFile, textPid(deadPid()));
     chmod(kPidFile.c_str(), 0600);
-    ChildResult parent = inChild([&] {
+    ChildRun parent = inChild([&] {
         BecomeDaemon();
         writeFile(marker, std::to_string(getpid()) + "\n"); // only the daemon child gets here
         for (;;)
