@@ -36,12 +36,13 @@ std::string textPid(int pid) { return std::to_string(pid) + "\n"; }
 // The exit status in a wait status; -1 when the process did not exit normally.
 int exitCode(int waitStatus) { return waitStatus != -1 && WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }
 
-// One invocation of the executable.
-struct Started {
-    int status = -1;   // exit status of the invoked process (the parent)
-    std::string err;   // its standard error
-    std::string input; // the file given as standard input (the daemon's error output once detached)
-    int daemon = 0;    // pid in the pid file when the parent exited 0
+// One invocation of the executable: the exit status and standard error of
+// the invoked process (the parent), the file given as its standard input
+// (the daemon's error output once detached), and the pid in the pid file
+// when the parent exited 0.
+struct Started : ChildRun {
+    std::string input;
+    int daemon = 0;
 };
 
 class DaemonProcessTest : public ::testing::Test {
@@ -82,11 +83,8 @@ protected:
     Started start()
     {
         Started s;
-        int n = ++starts_;
-        s.input = dir_ + "/stdin-" + std::to_string(n);
-        std::string errPath = dir_ + "/stderr-" + std::to_string(n), exe = home_ + "kestrava";
-        pid_t pid = fork();
-        if (pid == 0) {
+        s.input = dir_ + "/stdin-" + std::to_string(++starts_);
+        static_cast<ChildRun&>(s) = runChild(dir_, [&] {
             // The overrides, and the fake `wall` first in PATH.
             const char* path = getenv("PATH");
             setenv("PATH", (dir_ + "/bin:" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
@@ -99,20 +97,15 @@ protected:
             // nothing over the network.
             unshare(CLONE_NEWNET);
             int in = open(s.input.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-            int out = open("/dev/null", O_WRONLY);
-            int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
+            if (in < 0 || dup2(in, 0) < 0)
                 _exit(120);
+            const std::string exe = home_ + "kestrava"; // its home is that of its own path
             execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
             _exit(121);
-        }
-        s.status = exitCode(reap(pid, 20));
-        s.err = readFile(errPath);
-        if (s.status == 0) {
-            s.daemon = atoi(readFile(pidFile()).c_str());
-            if (s.daemon > 0 && s.daemon != pid)
-                daemons_.insert(s.daemon);
-        }
+        });
+        s.daemon = s.status == 0 ? atoi(readFile(pidFile()).c_str()) : 0;
+        if (s.daemon > 0)
+            daemons_.insert(s.daemon);
         return s;
     }
 
