@@ -12,7 +12,6 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
-#include <sys/wait.h>
 #include <utility>
 #include <unistd.h>
 #include <vector>
@@ -222,14 +221,9 @@ TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
 TEST_F(LogThTest, MissingMessageFileEndsTheProcessWithStatus1)
 {
     // alert3so.rc does not exist. Run in a child: the switch ends the process.
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        log.ReloadAlertFile(3);
-        _exit(4);
-    }
-    int status = waitBounded(pid, 20);
-    EXPECT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    ChildRun r = runChild(dir, [&] { log.ReloadAlertFile(3); });
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
 }
 
 TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
