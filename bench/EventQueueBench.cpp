@@ -11,6 +11,8 @@
 // "Grouped" runs measure that cost; the queue itself is left as it is.
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchMain.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -286,14 +288,7 @@ int main(int argc, char** argv)
                 "Interleaved/Grouped N: N consumer threads, 4 events each per batch, addressees\n"
                 "taking turns or grouped. A consumer that finds the head of the queue addressed to\n"
                 "another thread backs off 100 ms; backoff_rounds = wall time of a batch / 100 ms.\n\n");
-    // Short runs by default; a --benchmark_min_time given later still wins.
-    std::vector<char*> args(argv, argv + argc);
-    char minTime[] = "--benchmark_min_time=0.1";
-    args.insert(args.begin() + 1, minTime);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data()))
+    if (!initBenchmarks(argc, argv))
         return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -5,6 +5,8 @@
 // in a scratch directory; the shipped file is never written.
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchMain.h"
+
 #include <cstdio>
 #include <fstream>
 #include <malloc.h>
@@ -231,18 +233,11 @@ void tearDown()
 
 int main(int argc, char** argv)
 {
-    // Short runs by default; a --benchmark_min_time given later still wins.
-    std::vector<char*> args(argv, argv + argc);
-    char minTime[] = "--benchmark_min_time=0.1";
-    args.insert(args.begin() + 1, minTime);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
 
     std::printf("Kestrava configuration map: FileMap load/save/getConf/setConf.\n"
                 "shipped = packaging/Kestrava.ini, synthetic2000 = %d keys with comments and quoted values.\n\n",
                 kSyntheticKeys);
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data()))
+    if (!initBenchmarks(argc, argv))
         return 1;
     if (!setUp())
         return 1;

@@ -9,6 +9,8 @@
 // processor time of a poll against the pauses the link takes on purpose.
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchMain.h"
+
 #include <cstdio>
 #include <cstring>
 #include <malloc.h>
@@ -257,12 +259,6 @@ BENCHMARK(BM_PollThroughLink)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv)
 {
-    // Short runs by default; a --benchmark_min_time given later still wins.
-    std::vector<char*> args(argv, argv + argc);
-    char minTime[] = "--benchmark_min_time=0.1";
-    args.insert(args.begin() + 1, minTime);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
 
     gTypical = makeBlocks(false);
     gAll = makeBlocks(true);
@@ -271,8 +267,7 @@ int main(int argc, char** argv)
                 "meters block %zu bytes, alarm states %zu / %zu bytes.\n\n",
                 gTypical.supported, gAll.supported, gTypical.id.size(), gAll.id.size(), gTypical.meters.size(),
                 gTypical.alarmsNormal.size(), gAll.alarmsNormal.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data()))
+    if (!initBenchmarks(argc, argv))
         return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
