@@ -1,0 +1,72 @@
+#include "core/FatalStop.h"
+
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+namespace {
+struct State {
+    std::mutex lock;
+    std::condition_variable woken;
+    bool requested = false;
+    int status = 0;
+    std::string reason;
+};
+
+State& state()
+{
+    static State s;
+    return s;
+}
+} // namespace
+
+void FatalStop::request(int status, const char* why)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    if (s.requested)
+        return;
+    s.requested = true;
+    s.status = status;
+    s.reason = why ? why : "";
+    s.woken.notify_all();
+}
+
+int FatalStop::wait()
+{
+    State& s = state();
+    std::unique_lock<std::mutex> hold(s.lock);
+    s.woken.wait(hold, [&] { return s.requested; });
+    return s.status;
+}
+
+bool FatalStop::requested()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    return s.requested;
+}
+
+int FatalStop::status()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    return s.status;
+}
+
+const char* FatalStop::reason()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    return s.reason.c_str();
+}
+
+void FatalStop::resetForTests()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    s.requested = false;
+    s.status = 0;
+    s.reason.clear();
+}
