@@ -14,7 +14,7 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "log/LogTh.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"

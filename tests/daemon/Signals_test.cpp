@@ -1,6 +1,6 @@
 // Installation of the termination handler. The stop sequence itself ends the
 // process; it is exercised on the running daemon in StartUp_test.
-#include "core/Signals.h"
+#include "daemon/Signals.h"
 
 #include <gtest/gtest.h>
 

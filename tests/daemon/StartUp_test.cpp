@@ -5,7 +5,7 @@
 // child subreaper, so the daemonised child becomes its child: its exit
 // status can be read and it is always reaped. Every daemon started is
 // killed by pid in teardown.
-#include "core/StartUp.h"
+#include "daemon/StartUp.h"
 
 #include <gtest/gtest.h>
 

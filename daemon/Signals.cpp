@@ -1,4 +1,4 @@
-#include "core/Signals.h"
+#include "daemon/Signals.h"
 
 #include <atomic>
 #include <cstdio>
@@ -13,8 +13,8 @@
 #include "config/FileMap.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
-#include "core/Globals.h"
-#include "core/StartUp.h"
+#include "daemon/Globals.h"
+#include "daemon/StartUp.h"
 #include "core/SystemPaths.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Definition of the process-wide objects. They are defined in this one file
 // so that they are constructed in this order (and destroyed in reverse).
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 #include "control/PowerTh.h"
 #include "control/StCTrl.h"

@@ -1,4 +1,4 @@
-#include "core/StartUp.h"
+#include "daemon/StartUp.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,8 +14,8 @@
 #include "control/TimerIFTh.h"
 #include "control/TimerTh.h"
 #include "core/DaemonLock.h"
-#include "core/Globals.h"
-#include "core/Signals.h"
+#include "daemon/Globals.h"
+#include "daemon/Signals.h"
 #include "core/SystemPaths.h"
 #include "ipc/GetHostNameTh.h"
 #include "ipc/IpcCTrlCTh.h"

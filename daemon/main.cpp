@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/StartUp.h"
+#include "daemon/StartUp.h"
 
 int main(int argc, char** argv)
 {
