@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/ShellRunner.h"
 #include "core/SystemPaths.h"
@@ -23,17 +24,17 @@ void PowerTh::thread_main()
 void PowerTh::handle(EVENTMSGINFO* ev)
 {
     switch (ev->code) {
-    case 303:
+    case EvHostShutdown:
         PowerShutdown();
         break;
-    case 302:
+    case EvAppTerm:
         TermCommand(ev->params[0]);
         // Only the code is set: the count stays what the record last held.
-        mNotify.code = 3001;
+        mNotify.code = NtAppCommandDone;
         notify(&mNotify);
         break;
-    case 306:
-        mNotify.code = 6010;
+    case EvScheduleRelay:
+        mNotify.code = NtSchedule;
         mNotify.count = 3;
         mNotify.params[0] = ev->params[0] - 1;
         mNotify.params[1] = ev->params[1];

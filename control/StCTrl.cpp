@@ -10,7 +10,7 @@
 
 #include "config/FileMap.h"
 #include "core/Clock.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 namespace {
 const int kNotifySlot = 0;
@@ -143,11 +143,11 @@ void StCTrl::LetsGo(bool setLater)
     refreshNow();
     setShutdownTiming(0);
     setLogConfig();
-    postLog(6, 1);
+    postLog(LogDaemonStarted, kOwnerDaemon);
     if (setLater)
-        postLog(265, 1);
+        postLog(LogStartedSetLater, kOwnerDaemon);
     if (isController()) {
-        postMeterControl(0);
+        postMeterControl(MeterStarted);
         setLogDeleteTimerStartEvent(&ev);
         post(&ev);
         setDetectTimerStartEvent(&ev);
@@ -204,7 +204,7 @@ void StCTrl::CheckContInfo()
     mMutex.MEMInfoUnLock();
     if (changed) {
         EVENTMSGINFO ev;
-        makeEvent(&ev, 5, 504, {});
+        makeEvent(&ev, ThLog, EvControllerInfo, {});
         post(&ev);
     }
 }
@@ -219,10 +219,10 @@ int StCTrl::SetOutPutStatus(bool on, bool quiet, int slot)
         if ((mCont.outputStatus[k] != 0) == on)
             code = 0;
         else
-            code = (several && !quiet) ? (on ? 235 : 234) : 0;
+            code = (several && !quiet) ? (on ? LogOutputOn : LogOutputOff) : 0;
     } else if (several && !quiet) {
         mCont.outputKnown[k] = 1;
-        code = on ? 237 : 236;
+        code = on ? LogOutputOnFirst : LogOutputOffFirst;
     }
     mCont.outputStatus[k] = on ? 1 : 0;
     mMutex.MEMInfoUnLock();
@@ -336,50 +336,50 @@ bool StCTrl::IsContActive(int k) { return mCont.active[k & 3] != 0; }
 
 // ---------------------------------------------------------------- builders
 
-void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {1, int(mNow + 5), 0, 8}); }
+void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmUpsDetect, int(mNow + 5), 0, ThCtrlSlot0}); }
 
-void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {2, int(mNow + 5), 0, 8}); }
+void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmUpsPoll, int(mNow + 5), 0, ThCtrlSlot0}); }
 
-void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {3, int(mNow + getWinkTime(0)), 0, 8}); }
+void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmWink, int(mNow + getWinkTime(0)), 0, ThCtrlSlot0}); }
 
 void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
 {
     int k = SetMyThreadOffset(n);
-    makeEvent(ev, 0, 100, {3 + k, int(mNow + getWinkTime(k) - elapsed), 0, n});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmWink + k, int(mNow + getWinkTime(k) - elapsed), 0, n});
 }
 
 void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int n)
 {
-    makeEvent(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow + 60), 60, n});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmCountdown + SetMyThreadOffset(n), int(mNow + 60), 60, n});
 }
 
 void StCTrl::setShutdownTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
 {
-    makeEvent(ev, 0, 100, {7 + SetMyThreadOffset(n), int(mNow - elapsed + 60), 60, n});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmCountdown + SetMyThreadOffset(n), int(mNow - elapsed + 60), 60, n});
 }
 
 void StCTrl::setAppTermTimerStart(EVENTMSGINFO* ev, int n)
 {
     int k = SetMyThreadOffset(n);
-    makeEvent(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k)), 0, n});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmAppEnd + k, int(mNow + getAppEndTime(k)), 0, n});
 }
 
 void StCTrl::setDummyAppTermTimerStart(EVENTMSGINFO* ev, int n)
 {
     int k = SetMyThreadOffset(n);
-    makeEvent(ev, 0, 100, {12 + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmAppEnd + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
 }
 
-void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 100, {16, int(mNow + 1800), 1800, 8}); }
+void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmLogDelete, int(mNow + 1800), 1800, ThCtrlSlot0}); }
 
 void StCTrl::setLogDeleteTimerStopEvent(EVENTMSGINFO* ev)
 {
     // Kept as it always was: despite its name this builds a start command
     // that re-uses whatever id and times the record still holds.
-    ev->to = 0;
-    ev->code = 100;
+    ev->to = ThTimer;
+    ev->code = EvTimerStart;
     ev->count = 4;
-    ev->params[3] = 8;
+    ev->params[3] = ThCtrlSlot0;
 }
 
 void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
@@ -387,64 +387,65 @@ void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
     int minutes = confNum("DumpLogRate");
     if (minutes <= 0) {
         // A meter log rate of 0 (or none) turns the periodic measurement off.
-        makeEvent(ev, 0, 102, {11});
+        makeEvent(ev, ThTimer, EvTimerStop, {TmMeterLog});
         return;
     }
-    makeEvent(ev, 0, 100, {11, int(mNow + minutes * 60), minutes * 60, 8});
+    makeEvent(ev, ThTimer, EvTimerStart, {TmMeterLog, int(mNow + minutes * 60), minutes * 60, ThCtrlSlot0});
 }
 
-void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { makeEvent(ev, 0, 102, {11}); }
+void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStop, {TmMeterLog}); }
 
-void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {17 + SetMyThreadOffset(n)}); }
+void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmHealth + SetMyThreadOffset(n)}); }
 
-void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {3 + SetMyThreadOffset(n), n}); }
+void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmWink + SetMyThreadOffset(n), n}); }
 
-void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {7 + SetMyThreadOffset(n), n}); }
+void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmCountdown + SetMyThreadOffset(n), n}); }
 
-void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { makeEvent(ev, 0, 102, {12 + SetMyThreadOffset(n), n}); }
+void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmAppEnd + SetMyThreadOffset(n), n}); }
 
-void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, 0, 103, {flag}); }
+void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, ThTimer, EvTimerStopAll, {flag}); }
 
 void StCTrl::setWinkTimerResetEvent(EVENTMSGINFO* ev, int seconds, int n)
 {
-    makeEvent(ev, 0, 104, {3 + SetMyThreadOffset(n), seconds});
+    makeEvent(ev, ThTimer, EvTimerShift, {TmWink + SetMyThreadOffset(n), seconds});
 }
 
-void StCTrl::setAppTermEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 4, 302, {SetMyThreadOffset(n)}); }
+void StCTrl::setAppTermEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThPower, EvAppTerm, {SetMyThreadOffset(n)}); }
 
-void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { makeEvent(ev, 4, 303, {}); }
+void StCTrl::setShutdownEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThPower, EvHostShutdown, {}); }
 
 void StCTrl::setPowerWrongEvent(EVENTMSGINFO* ev, int n)
 {
     // The report announces the minutes left to the users (the log thread
     // reads its first value as minutes), so it carries the slot's remaining
     // minutes rather than its power phase.
-    makeEvent(ev, 5, 300, {mPower[SetMyThreadOffset(n) & 3].remaining, n});
+    makeEvent(ev, ThLog, EvPowerFailReport, {mPower[SetMyThreadOffset(n) & 3].remaining, n});
 }
 
-void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, 5, 301, {n}); }
+void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThLog, EvPowerRestoredReport, {n}); }
 
 bool StCTrl::setPowerLogEvent(EVENTMSGINFO* ev, int code, int n)
 {
-    if (mCont.startShutdown && (code == 0 || code == 1 || code == 2 || code == 204 || code == 206))
+    if (mCont.startShutdown && (code == LogCountdownMinute || code == LogCountdownLast || code == LogCountdownCancelled ||
+                                code == LogScheduleWarning || code == LogScheduleCancelled))
         return false;
-    makeEvent(ev, 5, 500, {n, code});
+    makeEvent(ev, ThLog, EvLog, {n, code});
     int k = SetMyThreadOffset(n) & 3;
-    if (code == 0) {
+    if (code == LogCountdownMinute) {
         ev->params[2] = mPower[k].remaining;
         ev->count = 3;
-    } else if (code == 204) {
+    } else if (code == LogScheduleWarning) {
         ev->params[2] = mPower[k].reportValue;
         ev->count = 3;
     }
     return true;
 }
 
-void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev) { makeEvent(ev, 5, 501, {}); }
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThLog, EvMeterLog, {}); }
 
-void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, 5, 501, {flag}); }
+void StCTrl::setMeterLogEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, ThLog, EvMeterLog, {flag}); }
 
-void StCTrl::setPutUpsStatusEvent(EVENTMSGINFO* ev) { makeEvent(ev, 8, 602, {}); }
+void StCTrl::setPutUpsStatusEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThCtrlSlot0, EvSendUpsStatus, {}); }
 
 void StCTrl::makeEvent(EVENTMSGINFO* ev, int to, int code, std::initializer_list<int> params)
 {
@@ -477,14 +478,14 @@ void StCTrl::postLog(int code, int owner)
 void StCTrl::postTimerStart(int id, int expiry, int interval, int owner)
 {
     EVENTMSGINFO ev;
-    makeEvent(&ev, 0, 100, {id, expiry, interval, owner});
+    makeEvent(&ev, ThTimer, EvTimerStart, {id, expiry, interval, owner});
     post(&ev);
 }
 
 void StCTrl::postTimerStop(int id)
 {
     EVENTMSGINFO ev;
-    makeEvent(&ev, 0, 102, {id});
+    makeEvent(&ev, ThTimer, EvTimerStop, {id});
     post(&ev);
 }
 

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "control/Codes.h"
 #include "control/Records.h"
 #include "core/MutexControl.h"
 

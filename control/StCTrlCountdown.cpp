@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "xcp/UpsDataBlock.h"
 
 
@@ -23,7 +23,7 @@ void StCTrl::countdownStart(EVENTMSGINFO* ev, int elapsed, int n)
     if (p.phase < PhaseCountdown) {
         setHappenPowerEvent(n);
         if (isController())
-            postMeterControl(2);
+            postMeterControl(MeterPowerFailure);
     }
     if (elapsed < 60) {
         if (elapsed == 0) {
@@ -58,7 +58,7 @@ void StCTrl::countdownContinue(EVENTMSGINFO* ev, int n)
 void StCTrl::countdownCancel(EVENTMSGINFO* ev, int n)
 {
     const int k = SetMyThreadOffset(n) & 3;
-    if (setPowerLogEvent(ev, 2, n)) {
+    if (setPowerLogEvent(ev, LogCountdownCancelled, n)) {
         post(ev);
         setPowerRecoveryEvent(ev, n);
         post(ev);
@@ -95,12 +95,12 @@ void StCTrl::countdownEnd(EVENTMSGINFO* ev, int reason, int n, bool powerFailure
     if (ISStartShutdown(k, reason)) {
         p.reason = reason;
         p.phase = PhaseEnded;
-        if (setPowerLogEvent(ev, 3, n))
+        if (setPowerLogEvent(ev, LogShutdownStarted, n))
             post(ev);
         if (isController()) {
             postMeterControl(5);
             // The UPS link orders the UPS's delayed power-off with restart.
-            makeEvent(ev, 2, 202, {});
+            makeEvent(ev, ThXcp, EvUpsPowerOff, {});
             post(ev);
         }
         setAppTermEvent(ev, n);
@@ -115,7 +115,7 @@ void StCTrl::countdownEnd(EVENTMSGINFO* ev, int reason, int n, bool powerFailure
             mCont.pfAppEnd[k] = 1;
         setDummyAppTermTimerStart(ev, n);
         post(ev);
-        if (setPowerLogEvent(ev, 217, n))
+        if (setPowerLogEvent(ev, LogWaitingOthers, n))
             post(ev);
     }
     mMutex.MEMInfoUnLock();
@@ -186,7 +186,7 @@ void StCTrl::StartShutdown(int k, int reason)
     if (!isController()) {
         // The member's shutdown log records which controller took it down.
         EVENTMSGINFO ev;
-        makeEvent(&ev, 5, 505, {k, reason});
+        makeEvent(&ev, ThLog, EvMemberShutdownLog, {k, reason});
         post(&ev);
     }
 }
@@ -195,7 +195,7 @@ void StCTrl::shutdown(EVENTMSGINFO* ev, int n)
 {
     setHealthChkTimerStopEvent(ev, n);
     post(ev);
-    if (setPowerLogEvent(ev, 208, n))
+    if (setPowerLogEvent(ev, LogHostShutdown, n))
         post(ev);
     if (isController()) {
         setMeterTimerStopEvent(ev);
@@ -210,9 +210,9 @@ void StCTrl::setHappenPowerEvent(int n)
     const int k = SetMyThreadOffset(n) & 3;
     // An alarm the UPS data already shows active is not logged again here.
     if (!(gUpsData && gUpsData->isAlarmActive(57, k)))
-        postLog(357, n);
+        postLog(LogPowerFail, n);
     if (!(gUpsData && gUpsData->isAlarmActive(59, k)))
-        postLog(14, n);
+        postLog(LogOnBattery, n);
 }
 
 // The daemon is stopping: tell the peers that this side's applications end.
@@ -225,7 +225,7 @@ void StCTrl::setAppEndEvent()
     const int started = GetStartShutdownStatus() ? 1 : 0;
     if (isController()) {
         if (GetStateUPS() >= 2) {
-            makeEvent(&ev, 8, 802, {started, 0});
+            makeEvent(&ev, ThCtrlSlot0, EvShutdownStatus, {started, 0});
             post(&ev);
         }
         return;
@@ -233,7 +233,7 @@ void StCTrl::setAppEndEvent()
     for (int k = 0; k < 4; ++k) {
         if (!IsContActive(k))
             continue;
-        makeEvent(&ev, GetMyThreadOffset(k), 802, {started, k});
+        makeEvent(&ev, GetMyThreadOffset(k), EvShutdownStatus, {started, k});
         post(&ev);
     }
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-bool validOwner(int n) { return n >= 8 && n <= 11; }
+bool validOwner(int n) { return n >= ThCtrlSlot0 && n <= ThCtrlSlot3; }
 
 // Largest parameter count of one alarm-list log event.
 const int kAlarmListMax = 255;
@@ -77,7 +77,7 @@ void StCTrl::powerRules(_NOTIFYMSGINFO* nt, int n)
         // Role test: a controller records the power event in its meter log
         // as a countdown start would; in both roles the countdown ends now.
         if (isController())
-            postMeterControl(2);
+            postMeterControl(MeterPowerFailure);
         countdownEnd(&ev, 1, n, true);
         p.phase = PhaseEnded;
         return;
@@ -130,32 +130,32 @@ void StCTrl::logAlarmCodes(const int32_t* codes, int num, int cond, int utility,
     const bool inWink = elapsed < getWinkTime(k);
 
     EVENTMSGINFO ev;
-    makeEvent(&ev, 5, 500, {n});
+    makeEvent(&ev, ThLog, EvLog, {n});
     for (int i = 0; i < num; ++i) {
         int code = codes[i];
         if (phase == PhaseNormal && failure) {
             // A failure still inside the wink is logged as such; beyond it
             // the power event itself is reported by the countdown path.
-            if (code == 14 || code == 357) {
+            if (code == LogOnBattery || code == LogPowerFail) {
                 if (!inWink)
                     continue;
-                code = (code == 14) ? 1002 : 1000;
+                code = (code == LogOnBattery) ? LogOnBatteryEarly : LogPowerFailEarly;
             }
         } else if (phase == PhaseWink) {
-            if (code == 14)
-                code = 1002;
-            else if (code == 15)
-                code = 1003;
-            else if (code == 357)
-                code = 1000;
-            else if (code == 657)
-                code = 1001;
+            if (code == LogOnBattery)
+                code = LogOnBatteryEarly;
+            else if (code == LogOnBatteryCleared)
+                code = LogOnBatteryClearedEarly;
+            else if (code == LogPowerFail)
+                code = LogPowerFailEarly;
+            else if (code == LogPowerFailCleared)
+                code = LogPowerFailClearedEarly;
         }
         if (!searchNo(ev.params + 1, ev.count - 1, code))
             continue;
         if (ev.count + 1 > kAlarmListMax) {
             post(&ev);
-            makeEvent(&ev, 5, 500, {n});
+            makeEvent(&ev, ThLog, EvLog, {n});
         }
         ev.params[ev.count++] = code;
     }
@@ -228,7 +228,7 @@ void StCTrl::appEndExpiry(int n)
     p.memberEnded = 0;
     if (p.phase == PhaseAppEnd)
         p.phase = PhaseNormal; // power came back while it waited
-    if (setPowerLogEvent(&ev, 218, n))
+    if (setPowerLogEvent(&ev, LogAppEnded, n))
         post(&ev);
 }
 
@@ -239,7 +239,7 @@ void StCTrl::scheduleTimerExpiry(int id, int owner)
     if (!validOwner(owner))
         return;
     EVENTMSGINFO ev;
-    makeEvent(&ev, 4, 306, {mPower[SetMyThreadOffset(owner)].lastSchedule, id, owner});
+    makeEvent(&ev, ThPower, EvScheduleRelay, {mPower[SetMyThreadOffset(owner)].lastSchedule, id, owner});
     post(&ev);
 }
 
@@ -271,9 +271,9 @@ void StCTrl::scheduleRule(_NOTIFYMSGINFO* nt)
         ShutDownSetSCHStatus(k, 0);
         if (p.lastSchedule >= 1 && p.lastSchedule <= 5) {
             p.lastSchedule = -1;
-            if (setPowerLogEvent(&ev, 206, n)) {
+            if (setPowerLogEvent(&ev, LogScheduleCancelled, n)) {
                 post(&ev);
-                makeEvent(&ev, 5, 305, {n});
+                makeEvent(&ev, ThLog, EvScheduleCancelReport, {n});
                 post(&ev);
             }
         }
@@ -290,12 +290,12 @@ void StCTrl::scheduleRule(_NOTIFYMSGINFO* nt)
         if (minutes != p.lastSchedule) {
             p.lastSchedule = minutes;
             p.reportValue = minutes;
-            if (setPowerLogEvent(&ev, 204, n)) {
+            if (setPowerLogEvent(&ev, LogScheduleWarning, n)) {
                 post(&ev);
-                makeEvent(&ev, 5, 304, {minutes, n});
+                makeEvent(&ev, ThLog, EvScheduleReport, {minutes, n});
                 post(&ev);
             }
-            const int next = (p.scheduleTimer == 21 + k) ? 25 + k : 21 + k;
+            const int next = (p.scheduleTimer == TmScheduleA + k) ? TmScheduleB + k : TmScheduleA + k;
             if (p.scheduleTimer)
                 postTimerStop(p.scheduleTimer);
             p.scheduleTimer = next;
@@ -326,7 +326,7 @@ void StCTrl::memberCountdownEnd(_NOTIFYMSGINFO* nt)
         return;
     const int k = SetMyThreadOffset(n);
     EVENTMSGINFO ev;
-    countdownEnd(&ev, nt->code - 6004, n, ShutDownGetPFStatus(k));
+    countdownEnd(&ev, nt->code - NtMemberCountdownEnd3 + 3, n, ShutDownGetPFStatus(k));
     mPower[k].memberEnded = 1;
 }
 
@@ -336,9 +336,9 @@ void StCTrl::daemonStopping()
     if (isController()) {
         setMeterTimerStopEvent(&ev);
         post(&ev);
-        postMeterControl(1);
+        postMeterControl(MeterStopped);
     }
-    postLog(7, 1);
+    postLog(LogDaemonStopping, kOwnerDaemon);
     setAppEndEvent();
 }
 

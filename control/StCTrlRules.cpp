@@ -7,42 +7,42 @@
 
 namespace {
 
-int lastParam(const _NOTIFYMSGINFO* nt) { return nt->count > 0 ? nt->params[nt->count - 1] : 8; }
+int lastParam(const _NOTIFYMSGINFO* nt) { return nt->count > 0 ? nt->params[nt->count - 1] : ThCtrlSlot0; }
 } // namespace
 
 void StCTrl::NotifyToEvent(_NOTIFYMSGINFO* nt)
 {
     refreshNow();
     switch (nt->code) {
-    case 1000:
+    case NtTimerExpired:
         timerExpiry(nt);
         break;
-    case 2000:
-    case 2001:
-    case 2002:
-    case 2003:
-    case 2005:
-    case 2006:
+    case NtUpsEstablished:
+    case NtUpsNotDetected:
+    case NtUpsPollResult:
+    case NtUpsCommError:
+    case NtUpsDetectAgain:
+    case NtUpsCommRestored:
         upsLinkRule(nt);
         break;
-    case 3001:
+    case NtAppCommandDone:
         appCommandLaunched();
         break;
-    case 6006: {
+    case NtMemberPowerReport: {
         int n = lastParam(nt);
-        if (n >= 8 && n <= 11)
+        if (n >= ThCtrlSlot0 && n <= ThCtrlSlot3)
             powerRules(nt, n);
         break;
     }
-    case 6007:
-    case 6008:
-    case 6009:
+    case NtMemberCountdownEnd3:
+    case NtMemberCountdownEnd4:
+    case NtMemberCountdownEnd5:
         memberCountdownEnd(nt);
         break;
-    case 6010:
+    case NtSchedule:
         scheduleRule(nt);
         break;
-    case 6011:
+    case NtDaemonStopping:
         daemonStopping();
         break;
     default:
@@ -55,60 +55,60 @@ void StCTrl::upsLinkRule(_NOTIFYMSGINFO* nt)
 {
     EVENTMSGINFO ev;
     switch (nt->code) {
-    case 2000:
+    case NtUpsEstablished:
         setPollingEvent(&ev);
         post(&ev);
-        Set_State_UPS(2);
-        postLog(11, 8);
-        postMeterControl(10);
+        Set_State_UPS(UpsCommunicating);
+        postLog(LogUpsCommEstablished, ThCtrlSlot0);
+        postMeterControl(MeterCommResolved);
         restartMeterTimer();
         SetUPSCommInfo("UPS Monitor Established");
         break;
-    case 2001:
+    case NtUpsNotDetected:
         setDetectTimerStartEvent(&ev);
         post(&ev);
-        if (GetStateUPS() == 0) {
-            Set_State_UPS(1);
-            postLog(10, 8);
-            postMeterControl(9);
+        if (GetStateUPS() == UpsNoContact) {
+            Set_State_UPS(UpsNotDetected);
+            postLog(LogUpsCommError, ThCtrlSlot0);
+            postMeterControl(MeterCommFail);
             SetUPSCommInfo("UPS Communication Error");
         }
         break;
-    case 2002:
+    case NtUpsPollResult:
         if (nt->count > 5 || nt->params[3] == 1) {
             setPutUpsStatusEvent(&ev);
             post(&ev);
         }
         setPollingEvent(&ev);
         post(&ev);
-        powerRules(nt, 8);
+        powerRules(nt, ThCtrlSlot0);
         break;
-    case 2003:
-        if (GetStateUPS() == 3)
+    case NtUpsCommError:
+        if (GetStateUPS() == UpsCommError)
             break;
         if (isController()) {
             setDetectTimerStartEvent(&ev);
             post(&ev);
-            postMeterControl(9);
+            postMeterControl(MeterCommFail);
         }
-        postLog(10, 8);
-        Set_State_UPS(3);
+        postLog(LogUpsCommError, ThCtrlSlot0);
+        Set_State_UPS(UpsCommError);
         SetUPSCommInfo("UPS Communication Error");
         break;
-    case 2005:
+    case NtUpsDetectAgain:
         setDetectTimerStartEvent(&ev);
         post(&ev);
         break;
-    case 2006:
-        if (GetStateUPS() != 3)
+    case NtUpsCommRestored:
+        if (GetStateUPS() != UpsCommError)
             break;
-        Set_State_UPS(2);
+        Set_State_UPS(UpsCommunicating);
         if (isController()) {
             setPollingEvent(&ev);
             post(&ev);
-            postMeterControl(10);
+            postMeterControl(MeterCommResolved);
         }
-        postLog(11, 8);
+        postLog(LogUpsCommEstablished, ThCtrlSlot0);
         SetUPSCommInfo("UPS Communication Established");
         break;
     default:
@@ -121,34 +121,34 @@ void StCTrl::timerExpiry(_NOTIFYMSGINFO* nt)
     EVENTMSGINFO ev;
     const int id = nt->params[0];
     const int owner = nt->params[2];
-    if (id == 1) {
-        makeEvent(&ev, 2, GetStateUPS() == 3 ? 203 : 200, {});
+    if (id == TmUpsDetect) {
+        makeEvent(&ev, ThXcp, GetStateUPS() == UpsCommError ? EvUpsRedetect : EvUpsDetect, {});
         post(&ev);
-    } else if (id == 2) {
-        makeEvent(&ev, 2, 201, {});
+    } else if (id == TmUpsPoll) {
+        makeEvent(&ev, ThXcp, EvUpsPoll, {});
         post(&ev);
-    } else if (id >= 3 && id <= 6) {
-        winkExpiry(8 + id - 3);
-    } else if (id >= 7 && id <= 10) {
-        countdownTick(8 + id - 7);
-    } else if (id == 11) {
+    } else if (id >= TmWink && id <= TmWink + 3) {
+        winkExpiry(ThCtrlSlot0 + id - TmWink);
+    } else if (id >= TmCountdown && id <= TmCountdown + 3) {
+        countdownTick(ThCtrlSlot0 + id - TmCountdown);
+    } else if (id == TmMeterLog) {
         setMeterLogEvent(&ev);
         post(&ev);
-    } else if (id >= 12 && id <= 15) {
-        appEndExpiry(8 + id - 12);
-    } else if (id == 16) {
-        makeEvent(&ev, 5, 502, {});
+    } else if (id >= TmAppEnd && id <= TmAppEnd + 3) {
+        appEndExpiry(ThCtrlSlot0 + id - TmAppEnd);
+    } else if (id == TmLogDelete) {
+        makeEvent(&ev, ThLog, EvLogDelete, {});
         post(&ev);
-    } else if (id >= 17 && id <= 20) {
-        makeEvent(&ev, 8 + id - 17, 601, {});
+    } else if (id >= TmHealth && id <= TmHealth + 3) {
+        makeEvent(&ev, ThCtrlSlot0 + id - TmHealth, EvHealthTimeout, {});
         post(&ev);
-    } else if (id >= 21 && id <= 28) {
+    } else if (id >= TmScheduleA && id <= TmScheduleB + 3) {
         scheduleTimerExpiry(id, owner);
-    } else if (id >= 30 && id <= 265) {
-        makeEvent(&ev, owner, 603, {id});
+    } else if (id >= TmNetFirst && id <= TmNetLast) {
+        makeEvent(&ev, owner, EvNetTimeout, {id});
         post(&ev);
-    } else if (id >= 266 && id <= 330) {
-        makeEvent(&ev, owner, 604, {id - 266});
+    } else if (id >= TmNet2First && id <= TmNet2Last) {
+        makeEvent(&ev, owner, EvNetTimeout2, {id - TmNet2First});
         post(&ev);
     }
     // Ids 0, 29 and above 330 start nothing.
@@ -158,66 +158,66 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
 {
     EVENTMSGINFO ev;
     switch (nt->code) {
-    case 6000:
-        makeEvent(&ev, 8, 600, {});
+    case NtNetReceived:
+        makeEvent(&ev, ThCtrlSlot0, EvNetReceived, {});
         post(&ev);
         break;
-    case 6001:
-    case 6002:
-    case 6004:
+    case NtHealthTimerStart:
+    case NtNetTimerStart:
+    case NtCommErrTimerStart:
         // Timer start requested by the network side: id, seconds from now,
         // interval, owner.
         postTimerStart(nt->params[0], int(mNow + nt->params[1]), nt->params[2], nt->params[3]);
         break;
-    case 6003:
+    case NtNetTimerCancel:
         postTimerStop(nt->params[0]);
         break;
-    case 6005:
-        makeEvent(&ev, 0, 102, {nt->params[0], nt->params[1]});
+    case NtCommErrTimerCancel:
+        makeEvent(&ev, ThTimer, EvTimerStop, {nt->params[0], nt->params[1]});
         post(&ev);
         break;
-    case 6012:
+    case NtMemberLog:
         postLog(nt->params[1], lastParam(nt));
         break;
-    case 6013:
-        makeEvent(&ev, 5, 503, {nt->params[0]});
+    case NtMessageFile:
+        makeEvent(&ev, ThLog, EvMessageFile, {nt->params[0]});
         post(&ev);
         break;
-    case 6014:
-        makeEvent(&ev, 5, 504, {});
+    case NtControllerInfo:
+        makeEvent(&ev, ThLog, EvControllerInfo, {});
         post(&ev);
         break;
-    case 6015:
-        makeEvent(&ev, 12, 900, {nt->params[0]});
+    case NtResolveHost:
+        makeEvent(&ev, ThHostName, EvResolveHost, {nt->params[0]});
         post(&ev);
         break;
-    case 8000:
-        makeEvent(&ev, 8, 800, {});
+    case NtConfigChanged:
+        makeEvent(&ev, ThCtrlSlot0, EvConfigChanged, {});
         post(&ev);
         break;
-    case 8001:
+    case NtTimingChanged:
         getShutdownTiming(0);
-        makeEvent(&ev, 8, 801, {});
+        makeEvent(&ev, ThCtrlSlot0, EvTimingChanged, {});
         post(&ev);
         break;
-    case 8002: {
+    case NtMeterRateChanged: {
         std::string rate = conf("DumpLogRate");
-        if (rate != mDumpLogRate && GetStateUPS() == 2) {
+        if (rate != mDumpLogRate && GetStateUPS() == UpsCommunicating) {
             restartMeterTimer();
-            postMeterControl(0);
-            postMeterControl(11);
+            postMeterControl(MeterStarted);
+            postMeterControl(MeterRateSet);
         }
         setLogConfig();
         break;
     }
-    case 9000:
+    case NtStopAllTimers:
         setAllTimerStopEvent(&ev, 1);
         post(&ev);
         break;
-    case 9001:
+    case NtAllTimersStopped:
         for (int k = 0; k < 4; ++k) {
             if (IsContActive(k)) {
-                makeEvent(&ev, 8 + k, 803, {});
+                makeEvent(&ev, ThCtrlSlot0 + k, EvTimersStopped, {});
                 post(&ev);
             }
         }

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <unistd.h>
 
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/Clock.h"
 
@@ -71,7 +72,7 @@ void TimerIFTh::Timer_Cancel_All()
 {
     mMutex.Lock(kListLock);
     // Id 331 is outside this walk and survives a stop-all.
-    for (int id = 0; id <= 330; ++id)
+    for (int id = 0; id <= TmNet2Last; ++id)
         Timer_Stop(id);
     mMutex.unLock(kListLock);
 }
@@ -79,7 +80,7 @@ void TimerIFTh::Timer_Cancel_All()
 void TimerIFTh::TimeOut_Set(_NOTIFYMSGINFO* nt, int id, int late, int owner)
 {
     memset(nt, 0, sizeof *nt);
-    nt->code = 1000;
+    nt->code = NtTimerExpired;
     nt->count = 3;
     nt->params[0] = id;
     nt->params[1] = late;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/ShellRunner.h"
 
@@ -21,7 +22,7 @@ void TimerTh::thread_main()
 void TimerTh::Event_CK(EVENTMSGINFO* ev)
 {
     switch (ev->code) {
-    case 100: {
+    case EvTimerStart: {
         TimerMng tm;
         tm.id = ev->params[0];
         tm.expiry = ev->params[1];
@@ -30,20 +31,20 @@ void TimerTh::Event_CK(EVENTMSGINFO* ev)
         mTimers->Timer_Start(&tm);
         break;
     }
-    case 102:
+    case EvTimerStop:
         mTimers->Timer_Cancel(ev->params[0]);
         break;
-    case 103:
+    case EvTimerStopAll:
         mTimers->Timer_Cancel_All();
         if (ev->params[0] != 0) {
             _NOTIFYMSGINFO nt;
             memset(&nt, 0, sizeof nt);
-            nt.code = 9001;
+            nt.code = NtAllTimersStopped;
             nt.count = 0;
             mCtrl->SetNotify(&nt);
         }
         break;
-    case 104:
+    case EvTimerShift:
         mTimers->Timer_Reset(ev->params[0], ev->params[1]);
         break;
     default:

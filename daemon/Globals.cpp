@@ -2,6 +2,7 @@
 // so that they are constructed in this order (and destroyed in reverse).
 #include "daemon/Globals.h"
 
+#include "control/Codes.h"
 #include "control/PowerTh.h"
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
@@ -16,20 +17,20 @@
 #include "xcp/XcpTh.h"
 
 StCTrl gCStCtrl;
-TimerTh gCTimerThread(0);
-TimerIFTh gCTimerIfThread(1);
-XcpTh gCXcpThread(2);
-XcpIFTh gCXcpIfThread(3);
-LogTh gCLogThread(5);
-PowerTh gPowerThread(4);
-CuiIFTh gCCuiIFThread(6);
-IpcIFTh gIpcIfThread(13);
-IpcCTrlCTh gIpcCTrlCThread(8);
-IpcCTrlMTh gIpcCTrlMThread1(8);
-IpcCTrlMTh gIpcCTrlMThread2(9);
-IpcCTrlMTh gIpcCTrlMThread3(10);
-IpcCTrlMTh gIpcCTrlMThread4(11);
-GetHostNameTh g_GetHostNameTh(12);
+TimerTh gCTimerThread(ThTimer);
+TimerIFTh gCTimerIfThread(ThTimerIF);
+XcpTh gCXcpThread(ThXcp);
+XcpIFTh gCXcpIfThread(ThXcpIF);
+LogTh gCLogThread(ThLog);
+PowerTh gPowerThread(ThPower);
+CuiIFTh gCCuiIFThread(ThCui);
+IpcIFTh gIpcIfThread(ThIpcIF);
+IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0);
+IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0);
+IpcCTrlMTh gIpcCTrlMThread2(ThCtrlSlot1);
+IpcCTrlMTh gIpcCTrlMThread3(ThCtrlSlot2);
+IpcCTrlMTh gIpcCTrlMThread4(ThCtrlSlot3);
+GetHostNameTh g_GetHostNameTh(ThHostName);
 
 std::string gHomeDir;
 FileMap* gpMapMessage = nullptr;

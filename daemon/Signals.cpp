@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
 #include "daemon/Globals.h"
@@ -18,8 +19,6 @@
 #include "core/SystemPaths.h"
 
 namespace {
-// Code of the notification that tells the controller core the daemon stops.
-const int kNotifyDaemonStopping = 6011;
 // Time the worker threads get to act on it before the process ends.
 const unsigned kStopGraceSeconds = 5;
 } // namespace
@@ -57,7 +56,7 @@ void NS_TermHandler(int)
 
     _NOTIFYMSGINFO nt;
     memset(&nt, 0, sizeof nt);
-    nt.code = kNotifyDaemonStopping;
+    nt.code = NtDaemonStopping;
     nt.count = 0;
     gCStCtrl.SetNotify(&nt);
 

@@ -1,7 +1,7 @@
 #include "ipc/GetHostNameTh.h"
 
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 GetHostNameTh::GetHostNameTh(int number) : tthread(number) {}
 

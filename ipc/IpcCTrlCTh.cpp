@@ -1,7 +1,7 @@
 #include "ipc/IpcCTrlCTh.h"
 
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 IpcCTrlCTh::IpcCTrlCTh(int number) : tthread(number) {}
 

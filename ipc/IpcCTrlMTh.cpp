@@ -1,7 +1,7 @@
 #include "ipc/IpcCTrlMTh.h"
 
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 IpcCTrlMTh::IpcCTrlMTh(int number) : tthread(number) {}
 

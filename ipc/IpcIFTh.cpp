@@ -1,7 +1,7 @@
 #include "ipc/IpcIFTh.h"
 
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 IpcIFTh::IpcIFTh(int number) : tthread(number) {}
 

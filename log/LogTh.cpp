@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/Clock.h"
 #include "core/ShellRunner.h"
@@ -101,36 +102,36 @@ std::string LogTh::logDirectory() { return conf("Path") + "/log" + "/"; }
 void LogTh::writeLog(EVENTMSGINFO* ev)
 {
     switch (ev->code) {
-    case 300:
+    case EvPowerFailReport:
         ReportCountdown(ev->params[0], ev->params[1]);
         break;
-    case 301:
+    case EvPowerRestoredReport:
         ReportCancel(ev->params[0]);
         break;
-    case 304:
+    case EvScheduleReport:
         scheduleShutdown(ev->params[0], ev->params[1]);
         break;
-    case 305:
+    case EvScheduleCancelReport:
         scheduleCancel(ev->params[0]);
         break;
-    case 500:
+    case EvLog:
         ensureLogDirectory();
         eventLogLines(ev, now());
         break;
-    case 501:
+    case EvMeterLog:
         ensureLogDirectory();
         mMeter.writeLine(ev, logDirectory(), now());
         break;
-    case 502:
+    case EvLogDelete:
         mMeter.deleteExpired(logDirectory(), now());
         break;
-    case 503:
+    case EvMessageFile:
         ReloadAlertFile(ev->params[0]);
         break;
-    case 504:
+    case EvControllerInfo:
         controllerInformation();
         break;
-    case 505:
+    case EvMemberShutdownLog:
         shutdownLog(ev->params[0], ev->params[1]);
         break;
     default:

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "control/Records.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "core/tthread.h"
 #include "log/MeterLog.h"
 

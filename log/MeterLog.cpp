@@ -9,7 +9,7 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "log/LogTh.h"
 #include "xcp/UpsDataBlock.h"
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "config/FileMap.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 
 namespace {
 int num(FileMap* map, const char* key) { return static_cast<int>(strtol(map->getConf(key).c_str(), nullptr, 10)); }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
 
@@ -128,11 +129,11 @@ void CuiIFTh::SetConfNotify(std::string key)
 {
     int code = 0;
     if (key == "AccessCode1")
-        code = 8000;
+        code = NtConfigChanged;
     else if (key == "ShutdownDelay1")
-        code = 8001;
+        code = NtTimingChanged;
     else if (key == "DumpLogRate")
-        code = 8002;
+        code = NtMeterRateChanged;
     else
         return;
     _NOTIFYMSGINFO nt;

@@ -9,7 +9,7 @@
 #include <netinet/in.h>
 #include <string>
 
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "core/tthread.h"
 
 // Request and answer record of the console port (native byte order: the

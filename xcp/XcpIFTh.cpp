@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "xcp/Sleeper.h"
 #include "xcp/TermiosSerialPort.h"
@@ -75,29 +76,29 @@ void XcpIFTh::commStart()
     const int event = mEvents->getXcpEvent();
     UpsDataBlock* ups = data();
     switch (event) {
-    case 201:
+    case EvUpsPoll:
         if (polling() == XcpOk) {
             checkNotify(&nt);
         } else {
-            nt.code = 2003;
+            nt.code = NtUpsCommError;
             if (ups)
                 ups->setCommAlert(false);
         }
         post(&nt);
         break;
-    case 200:
+    case EvUpsDetect:
         if (detect() == XcpOk) {
-            nt.code = 2000;
+            nt.code = NtUpsEstablished;
             if (ups)
                 ups->setCommAlert(true);
         } else {
-            nt.code = 2001;
+            nt.code = NtUpsNotDetected;
             if (ups)
                 ups->setCommAlert(false);
         }
         post(&nt);
         break;
-    case 202:
+    case EvUpsPowerOff:
         // The UPS must get its stop; nothing is reported. An attempt that
         // cannot reach the line pauses like a written one would.
         for (;;) {
@@ -108,23 +109,23 @@ void XcpIFTh::commStart()
                 pause(kWritePauseMs);
         }
         break;
-    case 203:
+    case EvUpsRedetect:
         if (mPortFd < 1) {
             if (portOpen()) {
-                nt.code = 2006;
+                nt.code = NtUpsCommRestored;
                 if (ups)
                     ups->setPortAlert(true);
             } else {
-                nt.code = 2005;
+                nt.code = NtUpsDetectAgain;
                 if (ups)
                     ups->setPortAlert(false);
             }
         } else if (detect() == XcpOk) {
-            nt.code = 2006;
+            nt.code = NtUpsCommRestored;
             if (ups)
                 ups->setCommAlert(true);
         } else {
-            nt.code = 2005;
+            nt.code = NtUpsDetectAgain;
         }
         post(&nt);
         break;

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "control/Records.h"
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "core/tthread.h"
 
 class FileMap;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "xcp/SerialPort.h"
 #include "xcp/UpsDataBlock.h"
 #include "xcp/XcpIFTh.h"
@@ -370,7 +371,7 @@ int XcpIFTh::polling()
 void XcpIFTh::checkNotify(_NOTIFYMSGINFO* nt)
 {
     UpsDataBlock* ups = data();
-    nt->code = 2002;
+    nt->code = NtUpsPollResult;
     int n = 0;
     if (!ups) {
         nt->params[n++] = 4;

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <deque>
 
-#include "core/Globals.h"
+#include "daemon/Globals.h"
 #include "core/MutexControl.h"
 #include "core/tthread.h"
 
