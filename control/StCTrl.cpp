@@ -6,20 +6,25 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "config/FileMap.h"
+#include "core/BoundedNumber.h"
 #include "core/Clock.h"
 #include "daemon/Globals.h"
 
 namespace {
 const int kNotifySlot = 0;
 const int kQueueSlot = 1;
+// Largest timing values taken from the configuration: one day.
+const int kMaxSeconds = 86400;
+const int kMaxMinutes = 1440;
 } // namespace
 
 StCTrl::StCTrl(Clock* clock, FileMap* config)
     : mStateUps(0), mStateBattery(0), mStatePower(0), mNow(0), mTimingChanged(false), mCheckResult(0),
-      mMemberContCount(0), mClock(clock), mConfig(config)
+      mMemberContCount(0), mClock(clock), mConfig(config), mRunning(0)
 {
     memset(mPower, 0, sizeof mPower);
     for (auto& p : mPower) {
@@ -47,8 +52,28 @@ void StCTrl::set_event_pushback(EVENTMSGINFO* ev)
     mMutex.unLock(kQueueSlot);
 }
 
+void StCTrl::markRunning(int number)
+{
+    if (number >= 0 && number < 32)
+        mRunning.fetch_or(1u << number);
+}
+
+bool StCTrl::delivers(int to) const
+{
+    unsigned running = mRunning.load();
+    if (running == 0)
+        return true;
+    return to >= 0 && to < 32 && (running >> to & 1u) != 0;
+}
+
 int StCTrl::SetEvent(EVENTMSGINFO* ev)
 {
+    if (!delivers(ev->to)) {
+        const std::string what = eventName(ev->code);
+        fprintf(stderr, "kestrava: %s for thread %d dropped: that thread is not running\n", what.c_str(), ev->to);
+        syslog(LOG_DAEMON | LOG_WARNING, "%s for thread %d dropped: that thread is not running", what.c_str(), ev->to);
+        return 0;
+    }
     set_event_pushback(ev);
     int slot = ev->to + 2;
     if (slot >= 2 && slot < MutexControl::kSlots) {
@@ -131,6 +156,11 @@ std::string StCTrl::conf(const std::string& key)
 
 int StCTrl::confNum(const std::string& key) { return static_cast<int>(strtol(conf(key).c_str(), nullptr, 10)); }
 
+int StCTrl::confBounded(const std::string& key, int lo, int hi)
+{
+    return static_cast<int>(BoundedNumber::read(key, conf(key), lo, hi));
+}
+
 bool StCTrl::isController() { return conf("UPSController") != "2"; }
 
 void StCTrl::refreshNow() { mNow = mClock ? mClock->now() : Clock::system().now(); }
@@ -171,14 +201,15 @@ void StCTrl::setShutdownTiming(int k)
     Settings& s = mSettings[k & 3];
     char key[32];
     int idx = (k & 3) + 1;
+    // Bounded so that "now" plus any of them stays a valid expiry time.
     snprintf(key, sizeof key, "WinkTime%d", idx);
-    s.winkTime = confNum(key);
+    s.winkTime = confBounded(key, 0, kMaxSeconds);
     snprintf(key, sizeof key, "ShutdownTime%d", idx);
-    s.countdownTime = confNum(key);
+    s.countdownTime = confBounded(key, 0, kMaxMinutes);
     snprintf(key, sizeof key, "AppTermTimeOut%d", idx);
-    s.appEndTime = confNum(key);
+    s.appEndTime = confBounded(key, 0, kMaxSeconds);
     snprintf(key, sizeof key, "ShutdownDelay%d", idx);
-    s.shutdownDelay = confNum(key);
+    s.shutdownDelay = confBounded(key, 0, kMaxSeconds);
     snprintf(key, sizeof key, "AppTermCommand%d", idx);
     s.runCommand = conf(key);
 }
@@ -384,7 +415,7 @@ void StCTrl::setLogDeleteTimerStopEvent(EVENTMSGINFO* ev)
 
 void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
 {
-    int minutes = confNum("DumpLogRate");
+    int minutes = confBounded("DumpLogRate", 0, kMaxMinutes);
     if (minutes <= 0) {
         // A meter log rate of 0 (or none) turns the periodic measurement off.
         makeEvent(ev, ThTimer, EvTimerStop, {TmMeterLog});

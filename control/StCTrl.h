@@ -4,6 +4,7 @@
 // the rules that turn notifications into events and drive the countdown.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <initializer_list>
 #include <string>
@@ -53,7 +54,15 @@ public:
     StCTrl& operator=(const StCTrl&) = delete;
 
     // ---- queue ----
+    // Queues the event for its addressee. Once the composition root has
+    // marked threads as running, an event for a thread that does not run is
+    // dropped with a log line instead: it would stay at the head of the one
+    // queue and hold up every later event.
     int SetEvent(EVENTMSGINFO* ev);
+    // Marks a thread number as running (called as each worker starts).
+    // While no number is marked, events for every number are queued.
+    void markRunning(int number);
+    bool delivers(int to) const;
     int GetEvent(EVENTMSGINFO* out, int me);
     int SetNotify(_NOTIFYMSGINFO* nt);
     void set_event_pushback(EVENTMSGINFO* ev);
@@ -177,6 +186,9 @@ public:
     // Reads a configuration key through the map this controller uses.
     std::string conf(const std::string& key);
     int confNum(const std::string& key);
+    // A numeric key limited to [lo, hi] (clamped with a log line): the
+    // seconds and minutes that become timer expiries.
+    int confBounded(const std::string& key, int lo, int hi);
     bool isController(); // "UPSController" is not "2"
 
 private:
@@ -221,4 +233,5 @@ private:
     int mMemberContCount;
     Clock* mClock;
     FileMap* mConfig;
+    std::atomic<unsigned> mRunning; // bit n: thread n runs
 };

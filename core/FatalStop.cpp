@@ -1,5 +1,6 @@
 #include "core/FatalStop.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
@@ -39,6 +40,13 @@ int FatalStop::wait()
     std::unique_lock<std::mutex> hold(s.lock);
     s.woken.wait(hold, [&] { return s.requested; });
     return s.status;
+}
+
+bool FatalStop::waitFor(int seconds)
+{
+    State& s = state();
+    std::unique_lock<std::mutex> hold(s.lock);
+    return s.woken.wait_for(hold, std::chrono::seconds(seconds), [&] { return s.requested; });
 }
 
 bool FatalStop::requested()

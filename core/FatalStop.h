@@ -13,6 +13,8 @@ public:
 
     // Blocks until a request arrives and returns its exit status.
     static int wait();
+    // Blocks until a request arrives or `seconds` pass; true on a request.
+    static bool waitFor(int seconds);
 
     // True once a request was made; its status and reason.
     static bool requested();

@@ -21,9 +21,10 @@ TimerTh gCTimerThread(ThTimer);
 TimerIFTh gCTimerIfThread(ThTimerIF);
 XcpTh gCXcpThread(ThXcp);
 XcpIFTh gCXcpIfThread(ThXcpIF);
-LogTh gCLogThread(ThLog);
+LogTh gCLogThread(ThLog, &gCStCtrl,
+                  LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh, nullptr});
 PowerTh gPowerThread(ThPower);
-CuiIFTh gCCuiIFThread(ThCui);
+CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig);
 IpcIFTh gIpcIfThread(ThIpcIF);
 IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0);
 IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0);

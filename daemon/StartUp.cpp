@@ -2,18 +2,22 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <new>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/PowerTh.h"
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
 #include "control/TimerTh.h"
 #include "core/DaemonLock.h"
+#include "core/FatalStop.h"
 #include "daemon/Globals.h"
 #include "daemon/Signals.h"
 #include "core/SystemPaths.h"
@@ -30,18 +34,21 @@
 
 namespace {
 
-// UPS state in which the UPS link is established; the network side of a
-// controller starts only then.
-const int kUpsCommunicating = 2;
-
 // Permission argument of the member's "CONTROLLER" and "SHUTDOWN"
 // directories. It is 777 in DECIMAL (mode 01411), as the installed member
 // directories have always been made; it is not 0777.
 const mode_t kMemberDirMode = 777;
 
-// Start-up failure before any worker runs: drop the maps made so far, exit 1.
-[[noreturn]] void failStartUp()
+// The run's role and the device lock it holds, known from the role set-up on.
+bool gMember = false;
+std::string gDeviceLock;
+
+// Start-up failure before any worker runs: say why, drop the maps made so
+// far, exit 1.
+[[noreturn]] void failStartUp(const std::string& why)
 {
+    fprintf(stderr, "kestrava: %s\n", why.c_str());
+    syslog(LOG_DAEMON | LOG_ERR, "%s", why.c_str());
     delete gpMapConfig;
     gpMapConfig = nullptr;
     delete gpMapMessage;
@@ -49,7 +56,18 @@ const mode_t kMemberDirMode = 777;
     exit(1);
 }
 
-// Starts one worker; a thread that cannot be created ends the process at once.
+// Ends the process in order once workers may be running: the global objects
+// are not destroyed under them (fflush and _exit, as the termination handler
+// does).
+[[noreturn]] void endInOrder(int status, const char* why)
+{
+    int code = StartUp::stopInOrder(status, why, gDeviceLock, SystemPaths::pidFile());
+    fflush(nullptr);
+    _exit(code);
+}
+
+// Starts one worker and tells the controller core that it runs; a thread that
+// cannot be created ends the daemon in order.
 // Workers are created with the termination signal blocked, so the signal is
 // always taken by the main thread, which never holds the controller's or a
 // configuration map's lock while it waits: the termination handler, which
@@ -60,10 +78,12 @@ void start(tthread& thread)
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &term, &previous);
+    // Marked first: events posted for it from now on are queued for it.
+    gCStCtrl.markRunning(thread.GetMyThrad());
     bool started = thread.st();
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (started == false)
-        exit(1);
+        endInOrder(1, "cannot start a worker thread");
 }
 
 int confNum(FileMap* map, const std::string& key)
@@ -125,12 +145,42 @@ std::string StartUp::deviceBaseName(const std::string& device)
     return device.substr(slash + 1);
 }
 
+int StartUp::stopInOrder(int status, const char* reason, const std::string& deviceLock, const std::string& pidFile)
+{
+    if (!deviceLock.empty())
+        unlink(deviceLock.c_str());
+    // The pid file is the one the starting process wrote for this daemon;
+    // one that records another process is not ours to remove.
+    if (!pidFile.empty() && read_pid(pidFile.c_str()) == getpid())
+        unlink(pidFile.c_str());
+    const char* why = reason && *reason ? reason : "no reason given";
+    fprintf(stderr, "kestrava: stopping with status %d: %s\n", status, why);
+    syslog(LOG_DAEMON | LOG_ERR, "stopping with status %d: %s", status, why);
+    return status;
+}
+
 int StartUp::run(int argc, char** argv)
 {
     // The fixed outside paths are fixed for the whole run.
     SystemPaths::load();
+    findHomeDir(argc, argv);
+    loadMessages();
+    loadConfiguration();
+    clearStaleFiles();
+    daemonise();
+    gMember = gpMapConfig->getConf("UPSController") == "2";
+    if (gMember)
+        setUpMember();
+    else
+        lockDevice();
+    startWorkers();
+    startNetwork();
+    waitAndStop();
+}
 
-    // 1. Home directory: every per-installation file is named from it.
+// Every per-installation file is named from the home directory.
+void StartUp::findHomeDir(int argc, char** argv)
+{
     gHomeDir = homeDirOf(argc > 0 ? argv[0] : nullptr);
     // A relative home directory ("./", or none when started through PATH
     // lookup from the current directory) is made absolute now, so that it
@@ -144,131 +194,132 @@ int StartUp::run(int argc, char** argv)
             gHomeDir = base + gHomeDir;
         }
     }
+}
 
-    // 2. Operator message texts.
+// Operator message texts.
+void StartUp::loadMessages()
+{
     gpMapMessage = new (std::nothrow) FileMap(gHomeDir + "alert.rc");
-    if (!gpMapMessage || !gpMapMessage->isLoaded()) {
-        delete gpMapMessage;
-        gpMapMessage = nullptr;
-        exit(1);
-    }
+    if (!gpMapMessage || !gpMapMessage->isLoaded())
+        failStartUp("cannot read the message file " + gHomeDir + "alert.rc");
     // From here on the log thread reads (and owns) the message map.
     gCLogThread.setMessageMapPresent(1);
+}
 
-    // 3. Configuration.
+void StartUp::loadConfiguration()
+{
     gpMapConfig = new (std::nothrow) FileMap(gHomeDir + "Kestrava.ini");
     if (!gpMapConfig || !gpMapConfig->isLoaded())
-        failStartUp();
+        failStartUp("cannot read the configuration file " + gHomeDir + "Kestrava.ini");
+}
 
-    // 4. State of a previous run is never reused.
+// State of a previous run is never reused; the UPS data starts empty until
+// the UPS link fills it.
+void StartUp::clearStaleFiles()
+{
     unlink((gHomeDir + "MembInfo.dat").c_str());
     unlink((gHomeDir + "membCommInfo.tmp").c_str());
     unlink((gHomeDir + "upsCommInfo.tmp").c_str());
-
-    // 5. The UPS data, empty until the UPS link fills it.
     gUpsData = new (std::nothrow) UpsDataBlock;
     if (!gUpsData)
-        failStartUp();
+        failStartUp("out of memory");
+}
 
-    // 6. Into the background, in a session of its own, holding no directory.
+// Into the background, in a session of its own, holding no directory.
+void StartUp::daemonise()
+{
     BecomeDaemon();
     setsid();
     // "/" always exists; nothing later depends on the working directory.
     int cwd = chdir("/");
     (void)cwd;
-    NS_SigHandle();
-
-    const bool member = gpMapConfig->getConf("UPSController") == "2";
-    std::string deviceBase;
-
-    if (member) {
-        // 7. The controller list and the timing last received from the controller.
-        int result = CreateMultiControllerFile::CheckControllerFile(
-            gpMapConfig->getConf("IPAddress"), confNum(gpMapConfig, "MemberPort"), gHomeDir,
-            gCStCtrl.ShutdownTimming(), gCStCtrl.TimingChanged());
-        gCStCtrl.SetCheckResult(result);
-        if (!gpm_Memcnt)
-            failStartUp();
-        if (*gCStCtrl.TimingChanged())
-            storeReceivedTiming(*gCStCtrl.ShutdownTimming());
-
-        // 8. The member's operator directories.
-        makeMemberDir(gHomeDir + "CONTROLLER");
-        makeMemberDir(gHomeDir + "SHUTDOWN");
-    } else {
-        // 8. The serial device belongs to this daemon alone.
-        deviceBase = deviceBaseName(gpMapConfig->getConf("DeviceName"));
-        ttysLock(deviceBase.c_str());
+    // Nothing reads the daemon's standard output: it goes nowhere, so that a
+    // supervisor's pipe left unread can never block a write. Standard error
+    // stays where BecomeDaemon put it.
+    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0) {
+        dup2(null, STDOUT_FILENO);
+        if (null != STDOUT_FILENO)
+            close(null);
     }
+    NS_SigHandle();
+}
 
-    // 9.-11. Workers, in their fixed order.
+// The controller list, the timing last received from the controller and the
+// member's operator directories.
+void StartUp::setUpMember()
+{
+    int result = CreateMultiControllerFile::CheckControllerFile(
+        gpMapConfig->getConf("IPAddress"), confNum(gpMapConfig, "MemberPort"), gHomeDir, gpMapConfig, &gpm_Memcnt,
+        gCStCtrl.ShutdownTimming(), gCStCtrl.TimingChanged());
+    gCStCtrl.SetCheckResult(result);
+    if (!gpm_Memcnt)
+        failStartUp("cannot read the controller list " + gHomeDir + "Membercnt.cfg");
+    if (*gCStCtrl.TimingChanged())
+        storeReceivedTiming(*gCStCtrl.ShutdownTimming());
+    makeMemberDir(gHomeDir + "CONTROLLER");
+    makeMemberDir(gHomeDir + "SHUTDOWN");
+}
+
+// The serial device belongs to this daemon alone.
+void StartUp::lockDevice()
+{
+    std::string base = deviceBaseName(gpMapConfig->getConf("DeviceName"));
+    ttysLock(base.c_str());
+    gDeviceLock = SystemPaths::lockFile(base);
+}
+
+// Workers, in their fixed order; then the controller core starts deciding.
+void StartUp::startWorkers()
+{
     start(gCTimerThread);
     start(gCTimerIfThread);
-    if (!member) {
+    if (!gMember) {
         start(gCXcpIfThread);
         start(gCXcpThread);
     }
     start(gCLogThread);
     start(gPowerThread);
     start(gCCuiIFThread);
-
-    // 12. The controller core starts deciding.
-    const bool setLater = member && gpm_Memcnt->getConf("SetLater") == "1";
+    const bool setLater = gMember && gpm_Memcnt->getConf("SetLater") == "1";
     gCStCtrl.LetsGo(setLater);
+}
 
-    if (!member) {
-        // 13. The network side waits until the UPS has been reached.
-        while (gCStCtrl.GetStateUPS() != kUpsCommunicating)
-            sleep(1);
+void StartUp::startNetwork()
+{
+    if (!gMember) {
+        // The network side of a controller waits until the UPS has been
+        // reached, checking once a second; a fatal stop meanwhile ends the wait.
+        while (gCStCtrl.GetStateUPS() != UpsCommunicating) {
+            if (FatalStop::waitFor(1))
+                return;
+        }
         start(gIpcCTrlCThread);
         start(gIpcIfThread);
-    } else {
-        // 14. One protocol thread per configured controller.
-        start(g_GetHostNameTh);
-        IpcCTrlMTh* memberThreads[4] = {&gIpcCTrlMThread1, &gIpcCTrlMThread2, &gIpcCTrlMThread3,
-                                        &gIpcCTrlMThread4};
-        int count = 0;
-        for (int n = 1; n <= 4; ++n) {
-            if (gpm_Memcnt->getConf(indexed("IPAddress%d", n)).empty())
-                continue;
-            ++count;
-            gCStCtrl.SetMemberContActive(n - 1, true);
-            g_pMemberTh[n - 1] = memberThreads[n - 1];
-            start(*g_pMemberTh[n - 1]);
-        }
-        // Set before the transport starts: no controller's datagram can
-        // reach a protocol thread before the count is known.
-        gCStCtrl.SetMemberContCount(count);
-        start(gIpcIfThread);
+        return;
     }
+    // One protocol thread per configured controller.
+    start(g_GetHostNameTh);
+    IpcCTrlMTh* memberThreads[4] = {&gIpcCTrlMThread1, &gIpcCTrlMThread2, &gIpcCTrlMThread3, &gIpcCTrlMThread4};
+    int count = 0;
+    for (int n = 1; n <= 4; ++n) {
+        if (gpm_Memcnt->getConf(indexed("IPAddress%d", n)).empty())
+            continue;
+        ++count;
+        gCStCtrl.SetMemberContActive(n - 1, true);
+        g_pMemberTh[n - 1] = memberThreads[n - 1];
+        start(*g_pMemberTh[n - 1]);
+    }
+    // Set before the transport starts: no controller's datagram can reach a
+    // protocol thread before the count is known.
+    gCStCtrl.SetMemberContCount(count);
+    start(gIpcIfThread);
+}
 
-    // Stop: reached only when every worker returned by itself (the
-    // termination signal normally ends the process). The first join that
-    // fails abandons the rest.
-    if (gCTimerThread.sp() == true || gCTimerIfThread.sp() == true)
-        return 0;
-    if (!member && (gCXcpThread.sp() == true || gCXcpIfThread.sp() == true))
-        return 0;
-    if (gCLogThread.sp() == true || gPowerThread.sp() == true || gCCuiIFThread.sp() == true)
-        return 0;
-    if (member) {
-        for (IpcCTrlMTh* th : g_pMemberTh) {
-            if (th && th->sp() == true)
-                return 0;
-        }
-    } else if (gIpcCTrlCThread.sp() == true) {
-        return 0;
-    }
-    if (gIpcIfThread.sp() == true)
-        return 0;
-    // The transport closes its sockets here:
-    // gIpcIfThread.end();
-    delete gpMapConfig;
-    gpMapConfig = nullptr;
-    delete gpMapMessage;
-    gpMapMessage = nullptr;
-    delete gUpsData;
-    gUpsData = nullptr;
-    unlock(deviceBase.c_str());
-    return 0;
+// The workers never return: the main thread waits for a fatal stop request
+// (the termination signal ends the process on its own path).
+void StartUp::waitAndStop()
+{
+    int status = FatalStop::wait();
+    endInOrder(status, FatalStop::reason());
 }

@@ -22,8 +22,6 @@
 
 namespace {
 
-std::string conf(const std::string& key) { return gpMapConfig ? gpMapConfig->getConf(key) : std::string(); }
-
 std::string indexed(const char* family, int n)
 {
     char key[64];
@@ -64,20 +62,28 @@ int displayType(T* thread)
 }
 
 template <typename T>
-std::string displayHostName(T* thread, int slot)
+std::string displayHostName(T* thread, const std::string& configured)
 {
     if constexpr (HasDisplayHostName<T>::value)
         return std::string(thread->GeDisplayHostName());
     else
-        return conf(indexed("HostName", slot));
+        return configured;
 }
 
 } // namespace
 
-LogTh::LogTh(int number, StCTrl* ctrl, Clock* clock)
-    : tthread(number), mCtrl(ctrl), mClock(clock), mVariant(0), mMapPresent(0), mHostNameSource(&::gethostname),
-      mMeter(ctrl)
+LogTh::LogTh(int number, StCTrl* ctrl, const Wiring& wiring, Clock* clock)
+    : tthread(number), mCtrl(ctrl), mWiring(wiring), mClock(clock), mVariant(0), mMapPresent(0),
+      mHostNameSource(&::gethostname), mMeter(ctrl, wiring.config, wiring.ups)
 {
+    if (!mWiring.messages)
+        mWiring.messages = &mNoMessages;
+}
+
+std::string LogTh::conf(const std::string& key)
+{
+    FileMap* map = mWiring.config ? *mWiring.config : nullptr;
+    return map ? map->getConf(key) : std::string();
 }
 
 LogTh::~LogTh() {}
@@ -198,16 +204,16 @@ void LogTh::originSuffix(std::string* out, int index)
     int slot = index - 7;
     if (index < 8 || index > 11)
         return;
-    IpcCTrlMTh* thread = g_pMemberTh[index - 8];
+    IpcCTrlMTh* thread = mWiring.memberThreads ? mWiring.memberThreads[index - 8] : nullptr;
     if (!thread)
         return;
     std::string name;
     switch (displayType(thread)) {
     case 1:
-        name = gpm_Memcnt ? gpm_Memcnt->getConf(indexed("UGName", slot)) : std::string();
+        name = mWiring.members && *mWiring.members ? (*mWiring.members)->getConf(indexed("UGName", slot)) : std::string();
         break;
     case 2:
-        name = displayHostName(thread, slot);
+        name = displayHostName(thread, conf(indexed("HostName", slot)));
         break;
     default:
         name = conf(indexed("CtrlIPAddress", slot));
@@ -218,9 +224,10 @@ void LogTh::originSuffix(std::string* out, int index)
 
 std::string LogTh::message(const std::string& number)
 {
-    if (!mMapPresent || !gpMapMessage)
+    FileMap* messages = mWiring.messages ? *mWiring.messages : nullptr;
+    if (!mMapPresent || !messages)
         return std::string();
-    return gpMapMessage->getConf(number);
+    return messages->getConf(number);
 }
 
 std::string LogTh::hostName()
@@ -264,12 +271,12 @@ void LogTh::reportLogDirectoryProblem(const std::string& problem)
 
 void LogTh::MsgDisp(const char* text)
 {
-    ShellRunner& shell = ShellRunner::system();
+    ShellRunner& shell = mWiring.shell ? *mWiring.shell : ShellRunner::system();
     if (shell.run(std::string("wall ") + text) == 0)
         return;
     // The shell could not take the text as an argument: hand it to "wall"
     // in a file instead.
-    std::string spill = gHomeDir + "SndMsgStr.tmp";
+    std::string spill = homeDir() + "SndMsgStr.tmp";
     unlink(spill.c_str());
     std::string line = text;
     write(&spill, &line);
@@ -337,8 +344,8 @@ void LogTh::ReloadAlertFile(int mode)
     FileMap* fresh = new FileMap(path);
     if (!fresh->isLoaded()) {
         delete fresh;
-        FileMap* old = gpMapMessage;
-        gpMapMessage = nullptr;
+        FileMap* old = *mWiring.messages;
+        *mWiring.messages = nullptr;
         if (mMapPresent)
             delete old;
         fprintf(stderr, "kestrava: cannot read the message file %s; stopping\n", path.c_str());
@@ -347,8 +354,8 @@ void LogTh::ReloadAlertFile(int mode)
     }
     // The new map is complete before it replaces the old one, so readers
     // never see a half-loaded map.
-    FileMap* old = gpMapMessage;
-    gpMapMessage = fresh;
+    FileMap* old = *mWiring.messages;
+    *mWiring.messages = fresh;
     if (mMapPresent)
         delete old;
     mMapPresent = 1;
@@ -361,7 +368,7 @@ void LogTh::controllerInformation()
 {
     ShutCNT info;
     mCtrl->GetContInfo(&info);
-    CreateMultiControllerFile::WriteControllerInf(&info, gHomeDir.c_str());
+    CreateMultiControllerFile::WriteControllerInf(&info, homeDir().c_str());
 }
 
 void LogTh::shutdownLog(int slot, int reason)
@@ -375,6 +382,6 @@ void LogTh::shutdownLog(int slot, int reason)
     std::string command = mCtrl->getRunCommand(slot);
     strncpy(timing.appTermCommand, command.c_str(), sizeof timing.appTermCommand - 1);
     std::string controller = conf(indexed("CtrlIPAddress", slot + 1));
-    CreateMultiControllerFile::WriteShutdownLog(1, controller.c_str(), reason, &timing, gHomeDir.c_str());
+    CreateMultiControllerFile::WriteShutdownLog(1, controller.c_str(), reason, &timing, homeDir().c_str());
 }
 

@@ -10,22 +10,38 @@
 #include <string>
 
 #include "control/Records.h"
-#include "daemon/Globals.h"
 #include "core/tthread.h"
 #include "log/MeterLog.h"
 
 class Clock;
+class FileMap;
+class IpcCTrlMTh;
+class ShellRunner;
+class StCTrl;
+class UpsDataBlock;
 
 class LogTh : public tthread {
 public:
+    // What the thread reads, handed over once by the composition root. The
+    // maps are given by the address of the pointer that start-up fills (the
+    // thread object exists before the maps are loaded).
+    struct Wiring {
+        FileMap** config = nullptr;              // "Kestrava.ini"
+        FileMap** messages = nullptr;            // message texts; replaced by this thread at a switch
+        FileMap** members = nullptr;             // "Membercnt.cfg" (member role)
+        UpsDataBlock** ups = nullptr;            // the UPS data, for meter lines
+        const std::string* homeDir = nullptr;    // where the member files and the broadcast spill go
+        IpcCTrlMTh* const* memberThreads = nullptr; // the four slots' protocol threads (member role)
+        ShellRunner* shell = nullptr;            // runs "wall"; the system runner when null
+    };
+
     // ctrl: the controller whose queue this thread serves and whose state
     // and settings it reads. clock: where the time of every entry comes
     // from (the system clock when null).
-    explicit LogTh(int number, StCTrl* ctrl = &gCStCtrl, Clock* clock = nullptr);
+    LogTh(int number, StCTrl* ctrl, const Wiring& wiring, Clock* clock = nullptr);
     ~LogTh() override;
 
-    // Start-up reports with 1 that it has loaded the message map into
-    // gpMapMessage; from then on this thread reads the map and owns it
+    // Start-up reports with 1 that it has loaded the message map; from then on this thread reads the map and owns it
     // when it switches message files.
     void setMessageMapPresent(int flag);
 
@@ -62,12 +78,14 @@ public:
     int currentVariant() const { return mVariant; }
 
     // Value of "Path" + "/log" + "/": the directory of both logs.
-    static std::string logDirectory();
+    std::string logDirectory();
 
 protected:
     void thread_main() override;
 
 private:
+    std::string conf(const std::string& key);
+    std::string homeDir() const { return mWiring.homeDir ? *mWiring.homeDir : std::string(); }
     time_t now();
     void eventLogLines(const EVENTMSGINFO* ev, time_t t);
     void originSuffix(std::string* out, int index);
@@ -79,6 +97,8 @@ private:
     void shutdownLog(int slot, int reason);
 
     StCTrl* mCtrl;
+    Wiring mWiring;
+    FileMap* mNoMessages = nullptr; // the message map slot when none was wired
     Clock* mClock;
     int mVariant;
     int mMapPresent;

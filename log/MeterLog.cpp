@@ -9,7 +9,7 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
-#include "daemon/Globals.h"
+#include "core/BoundedNumber.h"
 #include "log/LogTh.h"
 #include "xcp/UpsDataBlock.h"
 
@@ -17,8 +17,6 @@ const char* const MeterLog::kNoData =
     "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"";
 
 namespace {
-
-std::string conf(const char* key) { return gpMapConfig ? gpMapConfig->getConf(key) : std::string(); }
 
 void replaceFirst(std::string* text, const std::string& what, const std::string& with)
 {
@@ -38,7 +36,13 @@ struct tm localDate(time_t t)
 
 } // namespace
 
-MeterLog::MeterLog(StCTrl* ctrl) : mCtrl(ctrl) {}
+MeterLog::MeterLog(StCTrl* ctrl, FileMap** config, UpsDataBlock** ups) : mCtrl(ctrl), mConfig(config), mUps(ups) {}
+
+std::string MeterLog::conf(const char* key)
+{
+    FileMap* map = mConfig ? *mConfig : nullptr;
+    return map ? map->getConf(key) : std::string();
+}
 
 std::string MeterLog::fileName(time_t t)
 {
@@ -72,7 +76,7 @@ bool MeterLog::body(const EVENTMSGINFO* ev, std::string* out)
     if (mCtrl->GetStateUPS() == 3)
         *out = kNoData;
     else
-        *out = gUpsData ? gUpsData->getMeterMessage() : std::string(kNoData);
+        *out = mUps && *mUps ? (*mUps)->getMeterMessage() : std::string(kNoData);
     return true;
 }
 
@@ -93,7 +97,8 @@ int MeterLog::deleteExpired(const std::string& dir, time_t now)
     if (n < 0)
         return 0;
 
-    long days = strtol(conf("DumpLogDays").c_str(), nullptr, 10);
+    // Ten years at most: days * 86400 must stay a valid time.
+    long days = BoundedNumber::read("DumpLogDays", conf("DumpLogDays"), 0, 3650);
     struct tm cut = localDate(now - static_cast<time_t>(days) * 86400);
     char cutText[32];
     snprintf(cutText, sizeof cutText, "%04d%02d%02d", cut.tm_year + 1900, cut.tm_mon + 1, cut.tm_mday);

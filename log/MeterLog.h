@@ -9,7 +9,9 @@
 
 #include "control/Records.h"
 
+class FileMap;
 class StCTrl;
+class UpsDataBlock;
 
 // Event texts of the meter log, indexed by the first parameter of a meter
 // event (event 501 with a parameter). Every translation unit that includes
@@ -35,8 +37,10 @@ public:
     static const char* const kNoData;
 
     // ctrl: the controller whose UPS state decides between a measurement
-    // and the no-data text.
-    explicit MeterLog(StCTrl* ctrl);
+    // and the no-data text. config and ups: the addresses of the
+    // configuration map and UPS data pointers that start-up fills (null
+    // reads as no configuration and no data).
+    MeterLog(StCTrl* ctrl, FileMap** config, UpsDataBlock** ups);
 
     // Event 501: appends one line to the file of the local day of `now`
     // in `dir` (the log directory, ending in "/"). A record with a count
@@ -58,5 +62,9 @@ public:
     static std::string timePart(time_t t);
 
 private:
+    std::string conf(const char* key);
+
     StCTrl* mCtrl;
+    FileMap** mConfig;
+    UpsDataBlock** mUps;
 };

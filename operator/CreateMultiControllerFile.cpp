@@ -4,22 +4,21 @@
 #include <cstring>
 
 #include "config/FileMap.h"
-#include "daemon/Globals.h"
 
 namespace {
 int num(FileMap* map, const char* key) { return static_cast<int>(strtol(map->getConf(key).c_str(), nullptr, 10)); }
 } // namespace
 
-int CreateMultiControllerFile::CheckControllerFile(const std::string&, int, const std::string& dir,
-                                                   DG2_ShutdownTimming* timing, bool* changed)
+int CreateMultiControllerFile::CheckControllerFile(const std::string&, int, const std::string& dir, FileMap* config,
+                                                   FileMap** members, DG2_ShutdownTimming* timing, bool* changed)
 {
     FileMap* map = new FileMap(dir + "Membercnt.cfg");
     if (!map->isLoaded()) {
         delete map;
-        gpm_Memcnt = nullptr;
+        *members = nullptr;
         return 1;
     }
-    gpm_Memcnt = map;
+    *members = map;
     if (changed)
         *changed = false;
     if (!timing)
@@ -35,12 +34,12 @@ int CreateMultiControllerFile::CheckControllerFile(const std::string&, int, cons
     std::string cmd = map->getConf("AppTermCommand");
     strncpy(timing->appTermCommand, cmd.c_str(), sizeof timing->appTermCommand - 1);
     timing->appTermCommand[sizeof timing->appTermCommand - 1] = 0;
-    if (changed && gpMapConfig) {
-        *changed = num(gpMapConfig, "WinkTime1") != timing->winkTime ||
-                   num(gpMapConfig, "ShutdownTime1") != timing->shutdownTime ||
-                   num(gpMapConfig, "AppTermTimeOut1") != timing->appTermTimeOut ||
-                   num(gpMapConfig, "ShutdownDelay1") != timing->shutdownDelay ||
-                   gpMapConfig->getConf("AppTermCommand1") != cmd;
+    if (changed && config) {
+        *changed = num(config, "WinkTime1") != timing->winkTime ||
+                   num(config, "ShutdownTime1") != timing->shutdownTime ||
+                   num(config, "AppTermTimeOut1") != timing->appTermTimeOut ||
+                   num(config, "ShutdownDelay1") != timing->shutdownDelay ||
+                   config->getConf("AppTermCommand1") != cmd;
     }
     return 0;
 }

@@ -7,13 +7,16 @@
 
 #include "control/Records.h"
 
+class FileMap;
+
 class CreateMultiControllerFile {
 public:
-    // Loads gpm_Memcnt from dir + "Membercnt.cfg" (left null when the file is
-    // missing) and fills the controller's shutdown timing from it, setting
-    // *changed when it differs from "Kestrava.ini". Returns 0 on success.
-    static int CheckControllerFile(const std::string& address, int port, const std::string& dir,
-                                   DG2_ShutdownTimming* timing, bool* changed);
+    // Loads *members from dir + "Membercnt.cfg" (left null when the file is
+    // missing; the caller owns the map) and fills the controller's shutdown
+    // timing from it, setting *changed when it differs from `config`
+    // ("Kestrava.ini"). Returns 0 on success.
+    static int CheckControllerFile(const std::string& address, int port, const std::string& dir, FileMap* config,
+                                   FileMap** members, DG2_ShutdownTimming* timing, bool* changed);
 
     // Rewrites dir + "CONTROLLER/Controller.inf" from the status record.
     // (Written by the member's controller files, not built yet.)

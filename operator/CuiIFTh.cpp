@@ -12,8 +12,8 @@
 #include "control/Records.h"
 #include "control/StCTrl.h"
 
-CuiIFTh::CuiIFTh(int number, StCTrl* ctrl)
-    : tthread(number), mCtrl(ctrl), mListenSock(-1), mConnSock(-1), mStop(false), mListenAddr(htonl(INADDR_ANY))
+CuiIFTh::CuiIFTh(int number, StCTrl* ctrl, FileMap** config)
+    : tthread(number), mCtrl(ctrl), mConfig(config), mListenSock(-1), mConnSock(-1), mStop(false), mListenAddr(htonl(INADDR_ANY))
 {
 }
 
@@ -40,7 +40,7 @@ int CuiIFTh::InitSock()
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 
-    std::string port = gpMapConfig ? gpMapConfig->getConf("CuiPort") : std::string();
+    std::string port = config() ? config()->getConf("CuiPort") : std::string();
     sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     addr.sin_family = AF_INET;
@@ -112,9 +112,9 @@ int CuiIFTh::Attend()
             key[sizeof req.key] = 0;
             memcpy(value, req.value, sizeof req.value);
             value[sizeof req.value] = 0;
-            if (gpMapConfig) {
-                gpMapConfig->setConf(key, value);
-                gpMapConfig->save();
+            if (config()) {
+                config()->setConf(key, value);
+                config()->save();
             }
             CUIMSGINFO answer = req;
             answer.command = CmdAnswer;

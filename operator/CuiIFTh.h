@@ -9,8 +9,10 @@
 #include <netinet/in.h>
 #include <string>
 
-#include "daemon/Globals.h"
 #include "core/tthread.h"
+
+class FileMap;
+class StCTrl;
 
 // Request and answer record of the console port (native byte order: the
 // console tool runs on the same machine).
@@ -30,7 +32,9 @@ public:
     };
 
     // ctrl: the controller core that receives the change notifications.
-    explicit CuiIFTh(int number, StCTrl* ctrl = &gCStCtrl);
+    // config: the address of the configuration map pointer that start-up
+    // fills (the map whose keys the console reads and changes).
+    CuiIFTh(int number, StCTrl* ctrl, FileMap** config);
     ~CuiIFTh() override;
 
     // Creates the listening socket on the port "CuiPort" (30 bind attempts
@@ -56,7 +60,10 @@ protected:
     void thread_main() override;
 
 private:
+    FileMap* config() const { return mConfig ? *mConfig : nullptr; }
+
     StCTrl* mCtrl;
+    FileMap** mConfig;
     std::atomic<int> mListenSock;
     std::atomic<int> mConnSock;
     std::atomic<bool> mStop;

@@ -41,8 +41,7 @@ public:
 protected:
     void notify(_NOTIFYMSGINFO* nt) override
     {
-        EVENTMSGINFO ev = eventRecord(0, nt->code, std::vector<int>(nt->params, nt->params + nt->count));
-        seen.push_back(describe(ev).substr(2));
+        seen.push_back(describe(*nt));
     }
 };
 
@@ -81,7 +80,8 @@ TEST_F(Power, ShutdownAndTerminationCommandsAndTheirReports)
     // A schedule step is relayed one minute lower; the record keeps its count.
     pt.handle(306, {5, 21, 8});
     pt.handle(302, {0});
-    EXPECT_EQ(pt.seen, (V{"3001:", "3001:", "6010:4,21,8", "3001:4,21,8"}));
+    EXPECT_EQ(pt.seen, (V{"NtAppCommandDone(3001):", "NtAppCommandDone(3001):", "NtSchedule(6010):4,21,8",
+                          "NtAppCommandDone(3001):4,21,8"}));
 }
 
 TEST_F(Power, ScheduleRelayReachesTheControllerRules)
@@ -91,7 +91,7 @@ TEST_F(Power, ScheduleRelayReachesTheControllerRules)
     PowerTh real(4, &ctrl);
     EVENTMSGINFO ev = eventRecord(4, 306, {5, 0, 8});
     real.handle(&ev);
-    EXPECT_EQ(describe(drainEvents(ctrl).at(0)), "5:500:8,204,4");
+    EXPECT_EQ(describe(drainEvents(ctrl).at(0)), "5:EvLog(500):8,204,4");
 }
 
 TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)

@@ -61,20 +61,20 @@ protected:
         codes.push_back(owner);
         notify(owner == 8 && cfg.getConf("UPSController") != "2" ? 2002 : 6006, codes);
     }
-    void expire(int id, int owner) { notify(1000, {id, 0, owner}); }
+    void expire(int id, int owner) { notify(NtTimerExpired, {id, 0, owner}); }
     V events() { return drainDescribed(ctrl); }
     // Events without the UPS link's own polling restart and status send.
     V ruleEvents()
     {
         V out;
         for (auto& e : events())
-            if (e.rfind("0:100:2,", 0) != 0 && e != "8:602:")
+            if (e.rfind("0:EvTimerStart(100):2,", 0) != 0 && e != "8:EvSendUpsStatus(602):")
                 out.push_back(e);
         return out;
     }
     std::string at(int seconds) { return std::to_string(clock.now() + seconds); }
     // The application-end timer of slot 0 (owner 8) started at the host shutdown.
-    std::string appEndTimer() { return "0:100:12," + at(20) + ",0,8"; }
+    std::string appEndTimer() { return "0:EvTimerStart(100):12," + at(20) + ",0,8"; }
 
     ManualClock clock;
     FileMap cfg;
@@ -85,7 +85,7 @@ TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
 {
     controller();
     report(8, 4, 3, 0, {14, 357, 316, 14});
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,1002,1000,316", "0:100:3," + at(30) + ",0,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,1002,1000,316", "0:EvTimerStart(100):3," + at(30) + ",0,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseWink);
     EXPECT_EQ(ctrl.power(0).failureStart, clock.now());
     report(8, 4, 3, 0);  // further reports while winking start nothing
@@ -94,7 +94,7 @@ TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
     // Restored during the wink: logged with the wink translations, the wink stops.
     clock.advance(10);
     report(8, 4, 2, 0, {15, 657, 17});
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,1003,1001,17", "0:102:3,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,1003,1001,17", "0:EvTimerStop(102):3,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
@@ -104,13 +104,13 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
     // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the
     // next tick where that minute ends.
     report(9, 4, 3, 100, {14, 357, 316});
-    EXPECT_EQ(events(), (V{"5:500:9,316", "5:500:9,357", "5:500:9,14", "0:100:8," + at(50) + ",60,9"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
     EXPECT_EQ(ctrl.power(1).phase, StCTrl::PhaseCountdown);
     EXPECT_EQ(ctrl.power(1).remaining, 2);
     EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
     // Slot 0: 45 s elapsed = 15 s into the countdown, no minute gone yet.
     report(8, 4, 3, 45);
-    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "0:100:7," + at(45) + ",60,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStart(100):7," + at(45) + ",60,8"}));
     EXPECT_EQ(ctrl.power(0).remaining, 3);
 }
 
@@ -118,8 +118,8 @@ TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnce)
 {
     member(1);
     report(8, 4, 3, 210, {14, 357});  // 30 s wink + 3 minutes
-    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "0:102:7,8", "5:505:0,1", "5:500:8,3", "4:302:0",
-                           "0:102:12,8", appEndTimer()}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1", "5:EvLog(500):8,3", "4:EvAppTerm(302):0",
+                           "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     EXPECT_EQ(ctrl.power(0).reason, 1);
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
@@ -130,20 +130,20 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
 {
     controller();
     report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), V{"0:100:3," + at(30) + ",0,8"});
+    EXPECT_EQ(ruleEvents(), V{"0:EvTimerStart(100):3," + at(30) + ",0,8"});
     clock.advance(30);
     expire(3, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,3", "5:300:3,8",
-                           "0:100:7," + at(60) + ",60,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,3", "5:EvPowerFailReport(300):3,8",
+                           "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
     clock.advance(60);
     expire(7, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,0,2", "5:300:2,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,0,2", "5:EvPowerFailReport(300):2,8"}));
     clock.advance(60);
     expire(7, 8);
-    EXPECT_EQ(events(), (V{"5:500:8,1", "5:300:1,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,1", "5:EvPowerFailReport(300):1,8"}));
     clock.advance(60);
     expire(7, 8);
-    EXPECT_EQ(events(), (V{"0:102:7,8", "5:500:8,3", "5:501:5", "2:202:", "4:302:0", "0:102:12,8", appEndTimer()}));
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5", "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     EXPECT_EQ(ctrl.power(0).reason, 1);
 
@@ -153,13 +153,13 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     EXPECT_EQ(ruleEvents(), V{});
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseAppEnd);
     // The termination command was launched; its time is up: shut down.
-    notify(3001, {});
+    notify(NtAppCommandDone, {});
     ShutCNT info;
     ctrl.GetContInfo(&info);
     EXPECT_EQ(info.appEndStatus[0], 1);
     clock.advance(20);
     expire(12, 8);
-    EXPECT_EQ(events(), (V{"0:102:17", "5:500:8,208", "0:102:11", "4:303:"}));
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
 }
 
 TEST_F(Rules, RestorationWhileCountingDownCancels)
@@ -167,10 +167,10 @@ TEST_F(Rules, RestorationWhileCountingDownCancels)
     controller();
     timing(1, 0, 2);
     report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,357", "5:500:8,14", "5:501:2", "5:500:8,0,2", "5:300:2,8",
-                               "0:100:7," + at(60) + ",60,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2", "5:EvPowerFailReport(300):2,8",
+                               "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
     report(8, 4, 2, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,2", "5:301:8", "5:501:3", "0:102:7,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3", "0:EvTimerStop(102):7,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
@@ -180,8 +180,8 @@ TEST_F(Rules, SecondConditionEndsTheWinkAndShutsDown)
     report(8, 4, 3, 0);
     events();
     report(8, 5, 3, 0, {16});
-    EXPECT_EQ(ruleEvents(), (V{"5:500:8,16", "0:102:3,8", "5:500:8,357", "5:500:8,14", "5:501:2", "0:102:7,8",
-                               "5:500:8,3", "5:501:5", "2:202:", "4:302:0", "0:102:12,8", appEndTimer()}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,16", "0:EvTimerStop(102):3,8", "5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "0:EvTimerStop(102):7,8",
+                               "5:EvLog(500):8,3", "5:EvMeterLog(501):5", "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     report(8, 5, 3, 0);
     EXPECT_EQ(ruleEvents(), V{});
@@ -196,7 +196,7 @@ TEST_F(Rules, AlarmListOfThreeHundredCodesIsSplit)
     codes.insert(codes.begin() + 10, 2003);  // repeated: logged once
     ctrl.logAlarmCodes(codes.data(), static_cast<int>(codes.size()), 4, 2, 0, 8);
     auto list = [](int from, int to) {
-        std::string s = "5:500:8";
+        std::string s = "5:EvLog(500):8";
         for (int c = from; c <= to; ++c)
             s += "," + std::to_string(c);
         return s;
@@ -207,36 +207,36 @@ TEST_F(Rules, AlarmListOfThreeHundredCodesIsSplit)
 TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
 {
     member(1);
-    notify(6010, {7, 0, 8});  // more than five minutes: nothing yet
+    notify(NtSchedule, {7, 0, 8});  // more than five minutes: nothing yet
     EXPECT_EQ(events(), V{});
-    notify(6010, {5, 0, 8});
-    EXPECT_EQ(events(), (V{"5:500:8,204,5", "5:304:5,8", "0:100:21," + at(60) + ",0,8"}));
+    notify(NtSchedule, {5, 0, 8});
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,5", "5:EvScheduleReport(304):5,8", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
     EXPECT_EQ(ctrl.ShutDownGetSCHStatus(0), 1);
 
     // The timer's expiry goes through the power thread and back one lower.
     clock.advance(60);
     expire(21, 8);
-    EXPECT_EQ(events(), V{"4:306:5,21,8"});
-    notify(6010, {4, 21, 8});
-    EXPECT_EQ(events(), (V{"5:500:8,204,4", "5:304:4,8", "0:102:21", "0:100:25," + at(60) + ",0,8"}));
-    notify(6010, {3, 0, 8});
-    EXPECT_EQ(events(), (V{"5:500:8,204,3", "5:304:3,8", "0:102:25", "0:100:21," + at(60) + ",0,8"}));
-    notify(6010, {3, 25, 8});  // relay of the replaced timer: stale
+    EXPECT_EQ(events(), V{"4:EvScheduleRelay(306):5,21,8"});
+    notify(NtSchedule, {4, 21, 8});
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,4", "5:EvScheduleReport(304):4,8", "0:EvTimerStop(102):21", "0:EvTimerStart(100):25," + at(60) + ",0,8"}));
+    notify(NtSchedule, {3, 0, 8});
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,3", "5:EvScheduleReport(304):3,8", "0:EvTimerStop(102):25", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
+    notify(NtSchedule, {3, 25, 8});  // relay of the replaced timer: stale
     EXPECT_EQ(events(), V{});
 
     // -1 calls it off.
-    notify(6010, {-1, 0, 8});
-    EXPECT_EQ(events(), (V{"5:500:8,206", "5:305:8", "0:102:21"}));
+    notify(NtSchedule, {-1, 0, 8});
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,206", "5:EvScheduleCancelReport(305):8", "0:EvTimerStop(102):21"}));
     EXPECT_EQ(ctrl.ShutDownGetSCHStatus(0), 0);
 
     // Zero: the countdown ends with reason 2 and the schedule is over.
-    notify(6010, {1, 0, 8});
+    notify(NtSchedule, {1, 0, 8});
     events();
-    notify(6010, {0, 0, 8});
+    notify(NtSchedule, {0, 0, 8});
     EXPECT_EQ(events(),
-              (V{"0:102:7,8", "5:505:0,2", "5:500:8,3", "4:302:0", "0:102:12,8", appEndTimer(), "0:102:21"}));
+              (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,2", "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer(), "0:EvTimerStop(102):21"}));
     EXPECT_EQ(ctrl.power(0).reason, 2);
-    notify(6010, {5, 0, 8});
+    notify(NtSchedule, {5, 0, 8});
     EXPECT_EQ(events(), V{});
 }
 
@@ -246,7 +246,7 @@ TEST_F(Rules, ShutdownDecisionWithTwoControllers)
 {
     member(2, true);
     report(8, 4, 3, 210);
-    EXPECT_EQ(events(), (V{"5:500:8,357", "5:500:8,14", "0:102:7,8", "0:100:12," + at(140) + ",0,8", "5:500:8,217"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "0:EvTimerStart(100):12," + at(140) + ",0,8", "5:EvLog(500):8,217"}));
     EXPECT_EQ(ctrl.GetAppStatus(0), 1);
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 0);
     EXPECT_FALSE(ctrl.ISStartShutdown(0, 1));
@@ -254,7 +254,7 @@ TEST_F(Rules, ShutdownDecisionWithTwoControllers)
     // The waiting slot ends after its delay and restores normally.
     clock.advance(140);
     expire(12, 8);
-    EXPECT_EQ(events(), V{"5:500:8,218"});
+    EXPECT_EQ(events(), V{"5:EvLog(500):8,218"});
     EXPECT_EQ(ctrl.GetAppStatus(0), 0);
     report(8, 4, 2, 0);
     EXPECT_EQ(events(), V{});
@@ -264,7 +264,7 @@ TEST_F(Rules, ShutdownDecisionWithTwoControllers)
     EXPECT_TRUE(ctrl.ISStartShutdown(1, 1));
     EXPECT_EQ(ctrl.GetAppStatus(1), 2);
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
-    EXPECT_EQ(events(), V{"5:505:1,1"});
+    EXPECT_EQ(events(), V{"5:EvMemberShutdownLog(505):1,1"});
 }
 
 TEST_F(Rules, ShutdownDecisionWithThreeControllersOrOneOnUtility)
@@ -273,7 +273,7 @@ TEST_F(Rules, ShutdownDecisionWithThreeControllersOrOneOnUtility)
     EXPECT_FALSE(ctrl.ISStartShutdown(0, 1));
     EXPECT_FALSE(ctrl.ISStartShutdown(1, 1));
     EXPECT_TRUE(ctrl.ISStartShutdown(2, 1));
-    EXPECT_EQ(events(), V{"5:505:2,1"});
+    EXPECT_EQ(events(), V{"5:EvMemberShutdownLog(505):2,1"});
 
     // Two controllers, the other one back on utility: this slot alone powers the host.
     StCTrl two(&clock, &cfg);
@@ -282,7 +282,7 @@ TEST_F(Rules, ShutdownDecisionWithThreeControllersOrOneOnUtility)
     two.SetOutPutStatus(true, true, 1);
     two.ShutDownSetPFStatus(0, 2);
     EXPECT_TRUE(two.ISStartShutdown(0, 1));
-    EXPECT_EQ(drainDescribed(two), V{"5:505:0,1"});
+    EXPECT_EQ(drainDescribed(two), V{"5:EvMemberShutdownLog(505):0,1"});
 }
 
 TEST_F(Rules, ReportsAreSuppressedOnceTheHostShutdownStarted)
@@ -299,10 +299,10 @@ TEST_F(Rules, ReportsAreSuppressedOnceTheHostShutdownStarted)
     clock.advance(60);
     expire(8, 9);
     EXPECT_EQ(events(), V{});
-    notify(6010, {4, 0, 9});
-    EXPECT_EQ(events(), V{"0:100:22," + at(60) + ",0,9"});
+    notify(NtSchedule, {4, 0, 9});
+    EXPECT_EQ(events(), V{"0:EvTimerStart(100):22," + at(60) + ",0,9"});
     report(9, 4, 2, 0);
-    EXPECT_EQ(events(), V{"0:102:8,9"});
+    EXPECT_EQ(events(), V{"0:EvTimerStop(102):8,9"});
     EXPECT_EQ(ctrl.power(1).phase, StCTrl::PhaseNormal);
 }
 
@@ -311,12 +311,12 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
     member(2);
     ctrl.SetOutPutStatus(true, true, 0);
     ctrl.ShutDownSetPFStatus(0, 1);
-    notify(6007, {0, 0, 8});
-    EXPECT_EQ(events(), (V{"0:102:7,8", "5:505:0,3", "5:500:8,3", "4:302:0", "0:102:12,8", appEndTimer()}));
+    notify(NtMemberCountdownEnd3, {0, 0, 8});
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,3", "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).reason, 3);
     EXPECT_EQ(ctrl.power(0).memberEnded, 1);
-    notify(6011, {});
-    EXPECT_EQ(events(), (V{"5:500:1,7", "8:802:1,0", "9:802:1,1"}));
+    notify(NtDaemonStopping, {});
+    EXPECT_EQ(events(), (V{"5:EvLog(500):1,7", "8:EvShutdownStatus(802):1,0", "9:EvShutdownStatus(802):1,1"}));
 }
 
 // On a controller the stop also ends the meter timer, and tells the members
@@ -324,11 +324,11 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
 TEST_F(Rules, ControllerDaemonStop)
 {
     controller();
-    notify(6011, {});
-    EXPECT_EQ(events(), (V{"0:102:11", "5:501:1", "5:500:1,7"}));
+    notify(NtDaemonStopping, {});
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):11", "5:EvMeterLog(501):1", "5:EvLog(500):1,7"}));
     ctrl.Set_State_UPS(2);
-    notify(6011, {});
-    EXPECT_EQ(events(), (V{"0:102:11", "5:501:1", "5:500:1,7", "8:802:0,0"}));
+    notify(NtDaemonStopping, {});
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):11", "5:EvMeterLog(501):1", "5:EvLog(500):1,7", "8:EvShutdownStatus(802):0,0"}));
 }
 
 } // namespace

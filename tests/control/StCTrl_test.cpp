@@ -124,7 +124,7 @@ TEST(StCTrlStatus, ContInfoChangesAreReportedOnlyOffTheControllerRole)
     m.ShutDownSetCommStatus(1, 2);
     m.CheckContInfo();
     m.CheckContInfo();  // the snapshot now matches: no second report
-    EXPECT_EQ(drainDescribed(m), V{"5:504:"});
+    EXPECT_EQ(drainDescribed(m), V{"5:EvControllerInfo(504):"});
 }
 
 TEST(StCTrlBuilders, TimerRecordsCarryTheConfiguredTimes)
@@ -139,12 +139,12 @@ TEST(StCTrlBuilders, TimerRecordsCarryTheConfiguredTimes)
 
     EVENTMSGINFO ev;
     ctrl.setDummyAppTermTimerStart(&ev, 8);  // 120 + 180 s
-    EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
+    EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
     // The log-deletion "stop" builder keeps the id and times the record held.
     ctrl.setLogDeleteTimerStopEvent(&ev);
-    EXPECT_EQ(describe(ev), "0:100:12,1000300,0,8");
+    EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
     ctrl.setMeterTimerStartEvent(&ev);
-    EXPECT_EQ(describe(ev), "0:100:11,1000600,600,8");
+    EXPECT_EQ(describe(ev), "0:EvTimerStart(100):11,1000600,600,8");
 }
 
 TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownStarted)
@@ -174,12 +174,12 @@ TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
     StCTrl ctrl(&clock, cfg.map());
     ctrl.LetsGo(true);
     EXPECT_EQ(drainDescribed(ctrl),
-              (V{"5:500:1,6", "5:500:1,265", "5:501:0", "0:100:16,6800,1800,8", "0:100:1,5005,0,8"}));
+              (V{"5:EvLog(500):1,6", "5:EvLog(500):1,265", "5:EvMeterLog(501):0", "0:EvTimerStart(100):16,6800,1800,8", "0:EvTimerStart(100):1,5005,0,8"}));
 
     TempConfig member("UPSController=2\n");
     StCTrl m(&clock, member.map());
     m.LetsGo(false);
-    EXPECT_EQ(drainDescribed(m), V{"5:500:1,6"});
+    EXPECT_EQ(drainDescribed(m), V{"5:EvLog(500):1,6"});
 }
 
 TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
@@ -194,16 +194,16 @@ TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
         ctrl.SetNotify(&nt);
         return drainDescribed(ctrl);
     };
-    EXPECT_EQ(notify(2001), (V{"0:100:1,7005,0,8", "5:500:8,10", "5:501:9"}));  // not found
+    EXPECT_EQ(notify(NtUpsNotDetected), (V{"0:EvTimerStart(100):1,7005,0,8", "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));  // not found
     EXPECT_EQ(ctrl.GetStateUPS(), 1);
-    EXPECT_EQ(notify(2001), V{"0:100:1,7005,0,8"});  // a second failure only restarts detection
-    EXPECT_EQ(notify(2000), (V{"0:100:2,7005,0,8", "5:500:8,11", "5:501:10", "0:102:11", "0:100:11,7300,300,8"}));
+    EXPECT_EQ(notify(NtUpsNotDetected), V{"0:EvTimerStart(100):1,7005,0,8"});  // a second failure only restarts detection
+    EXPECT_EQ(notify(NtUpsEstablished), (V{"0:EvTimerStart(100):2,7005,0,8", "5:EvLog(500):8,11", "5:EvMeterLog(501):10", "0:EvTimerStop(102):11", "0:EvTimerStart(100):11,7300,300,8"}));
     EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    EXPECT_EQ(notify(2003), (V{"0:100:1,7005,0,8", "5:501:9", "5:500:8,10"}));
+    EXPECT_EQ(notify(NtUpsCommError), (V{"0:EvTimerStart(100):1,7005,0,8", "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
     EXPECT_EQ(ctrl.GetStateUPS(), 3);
-    EXPECT_EQ(notify(2003), V{});  // already in error: ignored
-    EXPECT_EQ(notify(1000, {1, 0, 8}), V{"2:203:"});  // the detect timer now asks for 203
-    EXPECT_EQ(notify(2006), (V{"0:100:2,7005,0,8", "5:501:10", "5:500:8,11"}));
+    EXPECT_EQ(notify(NtUpsCommError), V{});  // already in error: ignored
+    EXPECT_EQ(notify(NtTimerExpired, {1, 0, 8}), V{"2:EvUpsRedetect(203):"});  // the detect timer now asks for 203
+    EXPECT_EQ(notify(NtUpsCommRestored), (V{"0:EvTimerStart(100):2,7005,0,8", "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
     EXPECT_EQ(ctrl.GetStateUPS(), 2);
 }
 } // namespace

@@ -59,7 +59,7 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
     EXPECT_EQ(1, timers.runningTimers());
     V ev;
     EXPECT_EQ(T0 + 60, firstFiring(T0, T0 + 70, &ev));
-    EXPECT_EQ(ev, V{"9:603:30"});
+    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
     EXPECT_FALSE(timers.isActive(30));
 
     // Stopping what does not run reports 1 and leaves the others alone.
@@ -94,27 +94,27 @@ TEST_F(TimerIFThTest, ClockJumpsShiftTimersButOneSecondStepsDoNot)
     start(30, T0 + 60, 0, 9);
     EXPECT_TRUE(tickAt(T0 + 3600).empty());
     EXPECT_EQ(T0 + 3660, firstFiring(T0 + 3601, T0 + 3700, &ev));
-    EXPECT_EQ(ev, V{"9:603:30"});
+    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
 
     // A one-second step is an ordinary tick: a timer due then fires.
     time_t t = T0 + 3700;
     tickAt(t);
     start(31, t + 1, 0, 9);
-    EXPECT_EQ(tickAt(t + 1), V{"9:603:31"});
+    EXPECT_EQ(tickAt(t + 1), V{"9:EvNetTimeout(603):31"});
 
     // A two-second step counts as missed ticks: timers are shifted by it.
     t += 1;
     start(32, t + 2, 0, 9);
     EXPECT_TRUE(tickAt(t + 2).empty());
     EXPECT_TRUE(tickAt(t + 3).empty());
-    EXPECT_EQ(tickAt(t + 4), V{"9:603:32"});
+    EXPECT_EQ(tickAt(t + 4), V{"9:EvNetTimeout(603):32"});
 
     // Backward by 1000 s: the timer still runs its full 60 seconds.
     t += 4;
     start(33, t + 60, 0, 9);
     EXPECT_TRUE(tickAt(t - 1000).empty());
     EXPECT_EQ(t - 940, firstFiring(t - 999, t - 900, &ev));
-    EXPECT_EQ(ev, V{"9:603:33"});
+    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):33"});
 }
 
 TEST_F(TimerIFThTest, PeriodicTimersRearmAndCatchUpOncePerTick)
@@ -123,10 +123,10 @@ TEST_F(TimerIFThTest, PeriodicTimersRearmAndCatchUpOncePerTick)
     // Fell four intervals behind: one report per tick until caught up.
     start(35, T0 - 100, 30, 10);
     start(36, T0, 0, 10);
-    EXPECT_EQ(tickAt(T0), (V{"10:603:35", "10:603:36"}));
+    EXPECT_EQ(tickAt(T0), (V{"10:EvNetTimeout(603):35", "10:EvNetTimeout(603):36"}));
     EXPECT_FALSE(timers.isActive(36));
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(tickAt(T0), V{"10:603:35"}) << "tick " << i;
+        EXPECT_EQ(tickAt(T0), V{"10:EvNetTimeout(603):35"}) << "tick " << i;
     EXPECT_TRUE(tickAt(T0).empty());
     EXPECT_TRUE(tickAt(T0 + 1).empty());
     // Next due at T0 + 20, then every 30 s.
@@ -143,7 +143,7 @@ TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
         start(id, T0 + 1, 0, id == 30 ? 9 : 8);
     // The poll timer (2) asks the UPS link for a poll; ids without a meaning
     // report nothing but are gone like any one-shot.
-    EXPECT_EQ(tickAt(T0 + 1), (V{"9:603:30", "2:201:"}));
+    EXPECT_EQ(tickAt(T0 + 1), (V{"9:EvNetTimeout(603):30", "2:EvUpsPoll(201):"}));
     EXPECT_EQ(0, timers.runningTimers());
 }
 

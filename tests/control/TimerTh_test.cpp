@@ -52,7 +52,7 @@ TEST_F(TimerThTest, StartStopAndMoveCommands)
     command(104, {30, 10});  // moves another by the seconds
     for (time_t t = T0 + 1; t < T0 + 15; ++t)
         EXPECT_TRUE(tickAt(t).empty()) << "at +" << (t - T0);
-    EXPECT_EQ(tickAt(T0 + 15), V{"9:603:30"});
+    EXPECT_EQ(tickAt(T0 + 15), V{"9:EvNetTimeout(603):30"});
     EXPECT_EQ(0, timers.runningTimers());
     command(104, {30, 10});  // moving an id that does not run starts nothing
     EXPECT_FALSE(timers.isActive(30));
@@ -70,7 +70,7 @@ TEST_F(TimerThTest, StopAllNotifiesActiveSlotsOnlyWhenAsked)
     command(100, {2, T0 + 5, 0, 8});
     command(103, {1});
     EXPECT_EQ(0, timers.runningTimers());
-    EXPECT_EQ(tickAt(T0), (V{"9:803:", "11:803:"}));
+    EXPECT_EQ(tickAt(T0), (V{"9:EvTimersStopped(803):", "11:EvTimersStopped(803):"}));
 }
 
 TEST_F(TimerThTest, UnknownCommandBroadcastsTheDiagnosticOnly)

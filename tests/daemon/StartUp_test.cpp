@@ -143,20 +143,40 @@ TEST(StartUpNames, HomeDirectoryAndDeviceBaseName)
     EXPECT_EQ(StartUp::deviceBaseName("ttyUSB1"), "ttyUSB1");
 }
 
+TEST(StartUpStop, FatalStopRemovesOwnLockAndPidFileAndReportsTheReason)
+{
+    TempDir tmp("kestrava-stop-");
+    const std::string lock = tmp.file("LCK..ttyKs0"), pid = tmp.file("Kestrava.pid");
+    writeFile(lock, textPid(getpid()));
+    writeFile(pid, textPid(getpid()));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(StartUp::stopInOrder(1, "console port lost", lock, pid), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kestrava: stopping with status 1: console port lost\n");
+    EXPECT_FALSE(exists(lock));
+    EXPECT_FALSE(exists(pid));
+
+    // A member holds no device lock; a pid file of another process is not ours.
+    writeFile(pid, textPid(getpid() + 1));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(StartUp::stopInOrder(3, "", "", pid), 3);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kestrava: stopping with status 3: no reason given\n");
+    EXPECT_TRUE(exists(pid));
+}
+
 TEST_F(DaemonProcessTest, MissingMessageOrConfigurationFileEndsWithStatusOne)
 {
     writeControllerIni();
     unlink((home_ + "alert.rc").c_str());
     Started noMessages = start();
     EXPECT_EQ(noMessages.status, 1);
-    EXPECT_EQ(noMessages.err, "");
+    EXPECT_EQ(noMessages.err, "kestrava: cannot read the message file " + home_ + "alert.rc\n");
 
     writeFile(home_ + "alert.rc", "6=Kestrava started.\n");
     unlink((home_ + "Kestrava.ini").c_str());
     writeFile(home_ + "MembInfo.dat", "old run\n");
     Started noConfig = start();
     EXPECT_EQ(noConfig.status, 1);
-    EXPECT_EQ(noConfig.err, "");
+    EXPECT_EQ(noConfig.err, "kestrava: cannot read the configuration file " + home_ + "Kestrava.ini\n");
     EXPECT_FALSE(exists(pidFile())) << "never detached";
     EXPECT_FALSE(exists(lockFile()));
     EXPECT_TRUE(exists(home_ + "MembInfo.dat")) << "stopped before clearing the previous run";
@@ -173,6 +193,10 @@ TEST_F(DaemonProcessTest, ControllerRunsOnceAndStopsOnTermination)
     const pid_t daemon = first.daemon;
     ASSERT_GT(daemon, 0);
     EXPECT_EQ(readFile(pidFile()), textPid(daemon));
+    // Its standard output goes nowhere: a reader that never reads cannot block it.
+    char out[64] = {};
+    EXPECT_GT(readlink(("/proc/" + std::to_string(daemon) + "/fd/1").c_str(), out, sizeof out - 1), 0);
+    EXPECT_STREQ(out, "/dev/null");
     // The device lock names the daemon once it holds the device; the
     // previous run's exchange files are cleared.
     EXPECT_TRUE(waitFor([&] { return readFile(lockFile()) == textPid(daemon); }, 10, 20))

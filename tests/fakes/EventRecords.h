@@ -2,12 +2,14 @@
 // threads it feeds: eventRecord fills one (addressee, code, parameters) the
 // way the core queues it, drainEvents takes every queued event out of a
 // local controller core, oldest first; describe/drainDescribed give them as
-// "to:code:p0,p1,..." texts for compact comparisons.
+// "to:EvName(code):p0,p1,..." texts for compact comparisons that name the
+// event in a failure trace; describe(notification) gives "NtName(code):p0,...".
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "control/Codes.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
 
@@ -33,9 +35,17 @@ inline std::vector<EVENTMSGINFO> drainEvents(StCTrl& ctrl)
 
 inline std::string describe(const EVENTMSGINFO& ev)
 {
-    std::string s = std::to_string(ev.to) + ":" + std::to_string(ev.code) + ":";
+    std::string s = std::to_string(ev.to) + ":" + eventName(ev.code) + ":";
     for (int i = 0; i < ev.count; ++i)
         s += (i ? "," : "") + std::to_string(ev.params[i]);
+    return s;
+}
+
+inline std::string describe(const _NOTIFYMSGINFO& nt)
+{
+    std::string s = notifyName(nt.code) + ":";
+    for (int i = 0; i < nt.count && i < 256; ++i)
+        s += (i ? "," : "") + std::to_string(nt.params[i]);
     return s;
 }
 

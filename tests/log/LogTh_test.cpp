@@ -19,6 +19,7 @@
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
 #include "core/ShellRunner.h"
+#include "daemon/Globals.h"
 #include "ipc/IpcCTrlMTh.h"
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
@@ -83,7 +84,7 @@ protected:
     ManualClock clock;
     FileMap config{dir + "/Kestrava.ini"};
     StCTrl ctrl{&clock, &config};
-    LogTh log{5, &ctrl, &clock};
+    LogTh log{5, &ctrl, LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh}, &clock};
 };
 
 TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)

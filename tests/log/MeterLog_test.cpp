@@ -63,7 +63,7 @@ protected:
     ManualClock clock;
     FileMap config{dir + "/Kestrava.ini"};
     StCTrl ctrl{&clock, &config};
-    MeterLog meter{&ctrl};
+    MeterLog meter{&ctrl, &gpMapConfig, &gUpsData};
 };
 
 TEST_F(MeterLogTest, EventTextsWithRateAndRetention)
@@ -137,7 +137,7 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
 
 TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
 {
-    LogTh log(5, &ctrl, &clock);
+    LogTh log(5, &ctrl, LogTh::Wiring{&gpMapConfig, nullptr, nullptr, &gUpsData}, &clock);
     clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
     writeFile(logDir + "20261001.vlg", "x\n");
 

@@ -16,6 +16,7 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
+#include "daemon/Globals.h"
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
@@ -129,7 +130,7 @@ protected:
     FileMap config{ini};
     FileMap* savedConfig = nullptr;
     StCTrl ctrl{&clock, &config};
-    CuiIFTh server{6, &ctrl};
+    CuiIFTh server{6, &ctrl, &gpMapConfig};
 };
 
 TEST_F(CuiIFThTest, SetConfigurationKeySavesAnswersThenNotifies)
@@ -230,7 +231,7 @@ TEST(CuiIFThAccept, AcceptFailureEndsTheProcessWithStatus1)
         gpMapConfig = &config;
         ManualClock clock;
         StCTrl ctrl(&clock, &config);
-        CuiIFTh server(6, &ctrl);
+        CuiIFTh server(6, &ctrl, &gpMapConfig);
         server.setListenAddress("127.0.0.1");
         if (!server.st() || !waitFor([&] { return server.listenSocket() >= 0; }, 5, 25))
             _exit(6);

@@ -40,7 +40,7 @@ protected:
     bool runStarts(int event, int timerId)
     {
         for (const std::string& e : run(event))
-            if (e.rfind("0:100:" + std::to_string(timerId) + ",", 0) == 0)
+            if (e.rfind("0:EvTimerStart(100):" + std::to_string(timerId) + ",", 0) == 0)
                 return true;
         return false;
     }
