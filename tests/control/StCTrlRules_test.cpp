@@ -59,7 +59,7 @@ protected:
     {
         codes.insert(codes.begin(), {cond, utility, elapsed, 0});
         codes.push_back(owner);
-        notify(owner == 8 && cfg.getConf("UPSController") != "2" ? 2002 : 6006, codes);
+        notify(owner == ThCtrlSlot0 && cfg.getConf("UPSController") != "2" ? NtUpsPollResult : NtMemberPowerReport, codes);
     }
     void expire(int id, int owner) { notify(NtTimerExpired, {id, 0, owner}); }
     V events() { return drainDescribed(ctrl); }
@@ -132,23 +132,23 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     report(8, 4, 3, 0);
     EXPECT_EQ(ruleEvents(), V{"0:EvTimerStart(100):3," + at(30) + ",0,8"});
     clock.advance(30);
-    expire(3, 8);
+    expire(TmWink, 8);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,3", "5:EvPowerFailReport(300):3,8",
                            "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
     clock.advance(60);
-    expire(7, 8);
+    expire(TmCountdown, 8);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,0,2", "5:EvPowerFailReport(300):2,8"}));
     clock.advance(60);
-    expire(7, 8);
+    expire(TmCountdown, 8);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,1", "5:EvPowerFailReport(300):1,8"}));
     clock.advance(60);
-    expire(7, 8);
+    expire(TmCountdown, 8);
     EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5", "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     EXPECT_EQ(ctrl.power(0).reason, 1);
 
     // A late tick changes nothing; power back now only marks the end pending.
-    expire(7, 8);
+    expire(TmCountdown, 8);
     report(8, 4, 2, 0);
     EXPECT_EQ(ruleEvents(), V{});
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseAppEnd);
@@ -158,7 +158,7 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     ctrl.GetContInfo(&info);
     EXPECT_EQ(info.appEndStatus[0], 1);
     clock.advance(20);
-    expire(12, 8);
+    expire(TmAppEnd, 8);
     EXPECT_EQ(events(), (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
 }
 
@@ -215,7 +215,7 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
 
     // The timer's expiry goes through the power thread and back one lower.
     clock.advance(60);
-    expire(21, 8);
+    expire(TmScheduleA, 8);
     EXPECT_EQ(events(), V{"4:EvScheduleRelay(306):5,21,8"});
     notify(NtSchedule, {4, 21, 8});
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,4", "5:EvScheduleReport(304):4,8", "0:EvTimerStop(102):21", "0:EvTimerStart(100):25," + at(60) + ",0,8"}));
@@ -253,7 +253,7 @@ TEST_F(Rules, ShutdownDecisionWithTwoControllers)
 
     // The waiting slot ends after its delay and restores normally.
     clock.advance(140);
-    expire(12, 8);
+    expire(TmAppEnd, 8);
     EXPECT_EQ(events(), V{"5:EvLog(500):8,218"});
     EXPECT_EQ(ctrl.GetAppStatus(0), 0);
     report(8, 4, 2, 0);
@@ -297,7 +297,7 @@ TEST_F(Rules, ReportsAreSuppressedOnceTheHostShutdownStarted)
     ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
 
     clock.advance(60);
-    expire(8, 9);
+    expire(TmCountdown + 1, 9);
     EXPECT_EQ(events(), V{});
     notify(NtSchedule, {4, 0, 9});
     EXPECT_EQ(events(), V{"0:EvTimerStart(100):22," + at(60) + ",0,9"});
@@ -312,23 +312,46 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
     ctrl.SetOutPutStatus(true, true, 0);
     ctrl.ShutDownSetPFStatus(0, 1);
     notify(NtMemberCountdownEnd3, {0, 0, 8});
-    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,3", "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,3", "5:EvLog(500):8,3",
+                           "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).reason, 3);
     EXPECT_EQ(ctrl.power(0).memberEnded, 1);
     notify(NtDaemonStopping, {});
     EXPECT_EQ(events(), (V{"5:EvLog(500):1,7", "8:EvShutdownStatus(802):1,0", "9:EvShutdownStatus(802):1,1"}));
+
+    // On a controller the stop also ends the meter timer, and tells the
+    // members only while the UPS link is up.
+    StCTrl c(&clock, &cfg);
+    cfg.setConf("UPSController", "1");
+    for (int state : {UpsNoContact, UpsCommunicating}) {
+        c.Set_State_UPS(state);
+        _NOTIFYMSGINFO stop{NtDaemonStopping, 0, {}};
+        c.SetNotify(&stop);
+        V expected{"0:EvTimerStop(102):11", "5:EvMeterLog(501):1", "5:EvLog(500):1,7"};
+        if (state == UpsCommunicating)
+            expected.push_back("8:EvShutdownStatus(802):0,0");
+        EXPECT_EQ(drainDescribed(c), expected) << upsStateName(state);
+    }
 }
 
-// On a controller the stop also ends the meter timer, and tells the members
-// only while the UPS link is up.
-TEST_F(Rules, ControllerDaemonStop)
+TEST_F(Rules, HugeTimingValuesAreBoundedAndStillCountDown)
 {
     controller();
-    notify(NtDaemonStopping, {});
-    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):11", "5:EvMeterLog(501):1", "5:EvLog(500):1,7"}));
-    ctrl.Set_State_UPS(2);
-    notify(NtDaemonStopping, {});
-    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):11", "5:EvMeterLog(501):1", "5:EvLog(500):1,7", "8:EvShutdownStatus(802):0,0"}));
+    cfg.setConf("WinkTime1", "99999999999");
+    cfg.setConf("ShutdownTime1", "99999999999");
+    testing::internal::CaptureStderr();
+    ctrl.setShutdownTiming(0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kestrava: WinkTime1=99999999999 is out of range (0..86400); 86400 is used\n"
+              "kestrava: ShutdownTime1=99999999999 is out of range (0..1440); 1440 is used\n");
+    report(8, 4, 3, 0);
+    EXPECT_EQ(ruleEvents(), V{"0:EvTimerStart(100):3," + at(86400) + ",0,8"}) << "a wink, not an end";
+    clock.advance(86400);
+    expire(TmWink, 8);
+    EXPECT_EQ(events().back(), "0:EvTimerStart(100):7," + at(60) + ",60,8");
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseCountdown);
+    EXPECT_EQ(ctrl.power(0).remaining, 1440);
+    EXPECT_EQ(ctrl.GetStartShutdownStatus(), 0);
 }
 
 } // namespace

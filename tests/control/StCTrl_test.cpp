@@ -1,4 +1,5 @@
-// Controller core: the global event queue, the status record and the builders.
+// Controller core: the global event queue, delivery to running threads, the
+// status record, the builders and the start.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -21,113 +22,105 @@ void post(StCTrl& ctrl, int to, int code, int p0 = 0)
     ctrl.SetEvent(&ev);
 }
 
-TEST(StCTrlQueue, EventsAreTakenInOneGlobalOrderAcrossThreads)
+_NOTIFYMSGINFO notification(int code, const std::vector<int>& params = {})
 {
-    TempConfig cfg("UPSController=1\n");
-    ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map());
-    const int total = 10;
-    for (int i = 0; i < total; ++i)
-        post(ctrl, i % 2 ? 4 : 3, 200, i);
-    // Event i can only be taken once every earlier event has left the queue,
-    // so right after taking it at most total - 1 - i events remain. Each
-    // thread also sees its own events in posting order.
-    auto consumer = [&](int me) {
-        int last = -1;
-        for (int n = 0; n < total / 2; ++n) {
-            EVENTMSGINFO ev;
-            ctrl.GetEvent(&ev, me);
-            const int i = ev.params[0];
-            EXPECT_EQ(ev.to, me);
-            EXPECT_LE(ctrl.queuedEvents(), static_cast<size_t>(total - 1 - i))
-                << "event " << i << " was taken while an earlier one was still queued";
-            EXPECT_GT(i, last);
-            last = i;
-        }
-    };
-    std::thread a(consumer, 3);
-    std::thread b(consumer, 4);
-    a.join();
-    b.join();
-    EXPECT_EQ(ctrl.queuedEvents(), 0u);
+    _NOTIFYMSGINFO nt{code, 0, {}};
+    for (int p : params)
+        nt.params[nt.count++] = p;
+    return nt;
 }
 
-TEST(StCTrlQueue, HeadForAnIdleThreadBlocksEveryoneBehindItAndWaitersWake)
+TEST(StCTrlQueue, OneGlobalOrderTheHeadBlocksEveryoneAndWaitersWake)
 {
     TempConfig cfg("UPSController=1\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-    post(ctrl, 7, 1, 70);
-    post(ctrl, 4, 2, 40);
+    // Event i can only be taken once every earlier event has left the queue.
+    const int total = 10;
+    for (int i = 0; i < total; ++i)
+        post(ctrl, i % 2 ? ThPower : ThXcpIF, EvUpsDetect, i);
+    auto consumer = [&](int me) {
+        for (int n = 0, last = -1; n < total / 2; ++n) {
+            EVENTMSGINFO ev;
+            ctrl.GetEvent(&ev, me);
+            EXPECT_LE(ctrl.queuedEvents(), static_cast<size_t>(total - 1 - ev.params[0])) << "overtaken";
+            EXPECT_GT(ev.params[0], last);
+            last = ev.params[0];
+        }
+    };
+    std::thread a(consumer, ThXcpIF), b(consumer, ThPower);
+    a.join();
+    b.join();
+
+    // A head for a thread that does not take it holds up the one behind it.
+    post(ctrl, 7, EvUpsDetect, 70);
+    post(ctrl, ThPower, EvUpsPoll, 40);
     std::atomic<bool> got{false};
     std::thread four([&] {
         EVENTMSGINFO ev;
-        ctrl.GetEvent(&ev, 4);
-        EXPECT_EQ(ev.params[0], 40);
+        ctrl.GetEvent(&ev, ThPower);
         got = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     EXPECT_FALSE(got.load()) << "thread 4 overtook the head of the queue";
     EVENTMSGINFO ev;
-    ctrl.GetEvent(&ev, 7);  // the idle thread finally takes its event
-    EXPECT_EQ(ev.params[0], 70);
+    ctrl.GetEvent(&ev, 7);
     four.join();
-    EXPECT_TRUE(got.load());
-    EXPECT_EQ(ctrl.queuedEvents(), 0u);
 
     // A waiter on the empty queue wakes for its event.
     std::thread waiter([&] {
         EVENTMSGINFO mine;
-        ctrl.GetEvent(&mine, 5);
-        EXPECT_EQ(mine.code, 501);
+        ctrl.GetEvent(&mine, ThLog);
+        EXPECT_EQ(mine.code, EvMeterLog);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    post(ctrl, 5, 501);
+    post(ctrl, ThLog, EvMeterLog);
     waiter.join();
 }
 
-TEST(StCTrlStatus, OutputReportsNeedSeveralControllers)
+TEST(StCTrlQueue, EventsForThreadsThatDoNotRunAreDroppedNotQueued)
 {
-    TempConfig cfg("UPSController=2\n");
+    TempConfig cfg("UPSController=1\nAccessCode1=x\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-    // One controller: never a log code.
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 0), 0);
-    EXPECT_EQ(ctrl.SetOutPutStatus(false, false, 0), 0);
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 0), 0);
-
-    ctrl.SetMemberContCount(2);
-    // Slot 1: first report of "on" is 237, repeating it is silent, then off is 234.
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 1), 237);
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 1), 0);
-    EXPECT_EQ(ctrl.SetOutPutStatus(false, false, 1), 234);
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, false, 1), 235);
-    // Slot 2: first report of "off" is 236; a quiet first report marks nothing.
-    EXPECT_EQ(ctrl.SetOutPutStatus(false, true, 2), 0);
-    EXPECT_EQ(ctrl.SetOutPutStatus(false, false, 2), 236);
-    EXPECT_EQ(ctrl.SetOutPutStatus(true, true, 2), 0);
+    // A controller whose UPS never answered: the network threads never started.
+    for (int n : {ThTimer, ThTimerIF, ThXcpIF, ThXcp, ThLog, ThPower, ThCui})
+        ctrl.markRunning(n);
+    _NOTIFYMSGINFO changed = notification(NtConfigChanged); // console change of "AccessCode1"
+    ctrl.SetNotify(&changed);
+    post(ctrl, ThLog, EvMeterLog, 7);
+    EXPECT_EQ(drainDescribed(ctrl), V{"5:EvMeterLog(501):7"}) << "the change must not block the queue";
+    EXPECT_FALSE(ctrl.delivers(ThCtrlSlot0));
+    ctrl.markRunning(ThCtrlSlot0);
+    ctrl.SetNotify(&changed);
+    EXPECT_EQ(drainDescribed(ctrl), V{"8:EvConfigChanged(800):"});
 }
 
-TEST(StCTrlStatus, ContInfoChangesAreReportedOnlyOffTheControllerRole)
+TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTheController)
 {
     ManualClock clock;
+    TempConfig member("UPSController=2\n");
+    StCTrl m(&clock, member.map());
+    EXPECT_EQ(m.SetOutPutStatus(true, false, 0), 0) << "one controller: never a log code";
+    m.SetMemberContCount(2);
+    EXPECT_EQ(m.SetOutPutStatus(true, false, 1), LogOutputOnFirst);
+    EXPECT_EQ(m.SetOutPutStatus(true, false, 1), 0);
+    EXPECT_EQ(m.SetOutPutStatus(false, false, 1), LogOutputOff);
+    EXPECT_EQ(m.SetOutPutStatus(true, false, 1), LogOutputOn);
+    EXPECT_EQ(m.SetOutPutStatus(false, true, 2), 0) << "a quiet first report marks nothing";
+    EXPECT_EQ(m.SetOutPutStatus(false, false, 2), LogOutputOffFirst);
+
+    m.CheckContInfo();
+    m.CheckContInfo(); // the snapshot now matches: no second report
+    EXPECT_EQ(drainDescribed(m), V{"5:EvControllerInfo(504):"});
     TempConfig controller("UPSController=1\n");
     StCTrl c(&clock, controller.map());
     c.ShutDownSetPFStatus(0, 1);
     c.CheckContInfo();
     EXPECT_EQ(c.queuedEvents(), 0u);
-
-    TempConfig member("UPSController=2\n");
-    StCTrl m(&clock, member.map());
-    m.CheckContInfo();
-    EXPECT_EQ(m.queuedEvents(), 0u);
-    m.ShutDownSetCommStatus(1, 2);
-    m.CheckContInfo();
-    m.CheckContInfo();  // the snapshot now matches: no second report
-    EXPECT_EQ(drainDescribed(m), V{"5:EvControllerInfo(504):"});
 }
 
-TEST(StCTrlBuilders, TimerRecordsCarryTheConfiguredTimes)
+TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
 {
     TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n"
                    "DumpLogRate=10\n");
@@ -135,75 +128,56 @@ TEST(StCTrlBuilders, TimerRecordsCarryTheConfiguredTimes)
     StCTrl ctrl(&clock, cfg.map());
     ctrl.refreshNow();
     ctrl.setShutdownTiming(0);
-    EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x");  // quotes removed
-
+    EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x"); // quotes removed
     EVENTMSGINFO ev;
-    ctrl.setDummyAppTermTimerStart(&ev, 8);  // 120 + 180 s
+    ctrl.setDummyAppTermTimerStart(&ev, ThCtrlSlot0); // 120 + 180 s
     EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
     // The log-deletion "stop" builder keeps the id and times the record held.
     ctrl.setLogDeleteTimerStopEvent(&ev);
     EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
     ctrl.setMeterTimerStartEvent(&ev);
     EXPECT_EQ(describe(ev), "0:EvTimerStart(100):11,1000600,600,8");
-}
 
-TEST(StCTrlBuilders, CountdownAndScheduleLogCodesAreRefusedOnceTheHostShutdownStarted)
-{
-    TempConfig cfg("UPSController=1\n");
-    ManualClock clock;
-    StCTrl ctrl(&clock, cfg.map());
     ctrl.StartShutdown(0, 1);
-    ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
-    for (int code : {0, 1, 2, 204, 206}) {
-        EVENTMSGINFO ev{};
-        ev.code = 4242;
-        EXPECT_FALSE(ctrl.setPowerLogEvent(&ev, code, 8)) << code;
-        EXPECT_EQ(ev.code, 4242) << "a refused record must stay untouched";
-    }
-    for (int code : {3, 7, 208, 217}) {
-        EVENTMSGINFO ev{};
-        EXPECT_TRUE(ctrl.setPowerLogEvent(&ev, code, 8)) << code;
-        EXPECT_EQ(ev.params[1], code);
+    for (int code : {LogCountdownMinute, LogCountdownLast, LogCountdownCancelled, LogScheduleWarning,
+                     LogScheduleCancelled, LogShutdownStarted, LogDaemonStopping, LogHostShutdown}) {
+        EVENTMSGINFO rec{};
+        rec.code = 4242;
+        const bool refused = code < LogShutdownStarted || code == LogScheduleWarning || code == LogScheduleCancelled;
+        EXPECT_EQ(ctrl.setPowerLogEvent(&rec, code, ThCtrlSlot0), !refused) << logCodeName(code);
+        EXPECT_EQ(rec.code, refused ? 4242 : EvLog) << "a refused record stays untouched";
     }
 }
 
-TEST(StCTrlStart, LetsGoOnAControllerStartsLoggingDeletionAndDetection)
+TEST(StCTrlStart, LetsGoAndTheUpsLinkNotifications)
 {
-    TempConfig cfg("UPSController=1\n");
-    ManualClock clock(5000);
-    StCTrl ctrl(&clock, cfg.map());
-    ctrl.LetsGo(true);
-    EXPECT_EQ(drainDescribed(ctrl),
-              (V{"5:EvLog(500):1,6", "5:EvLog(500):1,265", "5:EvMeterLog(501):0", "0:EvTimerStart(100):16,6800,1800,8", "0:EvTimerStart(100):1,5005,0,8"}));
-
     TempConfig member("UPSController=2\n");
+    ManualClock clock(5000);
     StCTrl m(&clock, member.map());
     m.LetsGo(false);
     EXPECT_EQ(drainDescribed(m), V{"5:EvLog(500):1,6"});
-}
 
-TEST(StCTrlUpsLink, NotificationsMoveTheUpsState)
-{
     TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
-    ManualClock clock(7000);
     StCTrl ctrl(&clock, cfg.map());
+    ctrl.LetsGo(true);
+    EXPECT_EQ(drainDescribed(ctrl), (V{"5:EvLog(500):1,6", "5:EvLog(500):1,265", "5:EvMeterLog(501):0",
+                                       "0:EvTimerStart(100):16,6800,1800,8", "0:EvTimerStart(100):1,5005,0,8"}));
     auto notify = [&](int code, std::vector<int> params = {}) {
-        _NOTIFYMSGINFO nt{code, 0, {}};
-        for (int p : params)
-            nt.params[nt.count++] = p;
+        _NOTIFYMSGINFO nt = notification(code, params);
         ctrl.SetNotify(&nt);
         return drainDescribed(ctrl);
     };
-    EXPECT_EQ(notify(NtUpsNotDetected), (V{"0:EvTimerStart(100):1,7005,0,8", "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));  // not found
-    EXPECT_EQ(ctrl.GetStateUPS(), 1);
-    EXPECT_EQ(notify(NtUpsNotDetected), V{"0:EvTimerStart(100):1,7005,0,8"});  // a second failure only restarts detection
-    EXPECT_EQ(notify(NtUpsEstablished), (V{"0:EvTimerStart(100):2,7005,0,8", "5:EvLog(500):8,11", "5:EvMeterLog(501):10", "0:EvTimerStop(102):11", "0:EvTimerStart(100):11,7300,300,8"}));
-    EXPECT_EQ(ctrl.GetStateUPS(), 2);
-    EXPECT_EQ(notify(NtUpsCommError), (V{"0:EvTimerStart(100):1,7005,0,8", "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
-    EXPECT_EQ(ctrl.GetStateUPS(), 3);
-    EXPECT_EQ(notify(NtUpsCommError), V{});  // already in error: ignored
-    EXPECT_EQ(notify(NtTimerExpired, {1, 0, 8}), V{"2:EvUpsRedetect(203):"});  // the detect timer now asks for 203
-    EXPECT_EQ(notify(NtUpsCommRestored), (V{"0:EvTimerStart(100):2,7005,0,8", "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
-    EXPECT_EQ(ctrl.GetStateUPS(), 2);
+    const std::string detect = "0:EvTimerStart(100):1,5005,0,8", poll = "0:EvTimerStart(100):2,5005,0,8";
+    EXPECT_EQ(notify(NtUpsNotDetected), (V{detect, "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), UpsNotDetected);
+    EXPECT_EQ(notify(NtUpsNotDetected), V{detect}) << "a second failure only restarts detection";
+    EXPECT_EQ(notify(NtUpsEstablished), (V{poll, "5:EvLog(500):8,11", "5:EvMeterLog(501):10",
+                                           "0:EvTimerStop(102):11", "0:EvTimerStart(100):11,5300,300,8"}));
+    EXPECT_EQ(notify(NtUpsCommError), (V{detect, "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), UpsCommError);
+    EXPECT_EQ(notify(NtUpsCommError), V{}) << "already in error: ignored";
+    EXPECT_EQ(notify(NtTimerExpired, {TmUpsDetect, 0, ThCtrlSlot0}), V{"2:EvUpsRedetect(203):"});
+    EXPECT_EQ(notify(NtUpsCommRestored), (V{poll, "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
+    EXPECT_EQ(ctrl.GetStateUPS(), UpsCommunicating);
 }
 } // namespace
