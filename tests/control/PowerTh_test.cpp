@@ -34,7 +34,7 @@ public:
     V seen;
     void handle(int code, std::vector<int> params = {})
     {
-        EVENTMSGINFO ev = eventRecord(4, code, params);
+        EVENTMSGINFO ev = eventRecord(ThPower, code, params);
         PowerTh::handle(&ev);
     }
 
@@ -47,7 +47,7 @@ protected:
 
 class Power : public ::testing::Test {
 protected:
-    Power() : ctrl(&clock, &cfg), pt(4, &ctrl) {}
+    Power() : ctrl(&clock, &cfg), pt(ThPower, &ctrl) {}
     void command(int index, const std::string& cmd)
     {
         cfg.setConf("AppTermCommand" + std::to_string(index), cmd);
@@ -65,33 +65,23 @@ TEST_F(Power, ShutdownAndTerminationCommandsAndTheirReports)
     RecordingShell shell;
     ScopedShell installed(&shell);
     ASSERT_TRUE(kShutdownCmdSet);
-    pt.handle(303);
+    pt.handle(EvHostShutdown);
     EXPECT_EQ(shell.runCommands(), V{kShutdownCmd});
-    pt.handle(304, {1, 8});  // not the power thread's
+    pt.handle(EvScheduleReport, {1, 8});  // not the power thread's
     EXPECT_EQ(shell.runCommands().size(), 1u);
     EXPECT_TRUE(pt.seen.empty());
 
     // Empty command for slot 0: nothing starts, the report still goes out.
     command(2, "/opt/app/stop --now");
-    pt.handle(302, {0});
-    pt.handle(302, {1});
+    pt.handle(EvAppTerm, {0});
+    pt.handle(EvAppTerm, {1});
     EXPECT_EQ(shell.launchedCommands(), V{"/opt/app/stop --now"});
     EXPECT_EQ(shell.runCommands().size(), 1u);
     // A schedule step is relayed one minute lower; the record keeps its count.
-    pt.handle(306, {5, 21, 8});
-    pt.handle(302, {0});
+    pt.handle(EvScheduleRelay, {5, 21, 8});
+    pt.handle(EvAppTerm, {0});
     EXPECT_EQ(pt.seen, (V{"NtAppCommandDone(3001):", "NtAppCommandDone(3001):", "NtSchedule(6010):4,21,8",
                           "NtAppCommandDone(3001):4,21,8"}));
-}
-
-TEST_F(Power, ScheduleRelayReachesTheControllerRules)
-{
-    cfg.setConf("UPSController", "2");
-    ctrl.SetMemberContCount(1);
-    PowerTh real(4, &ctrl);
-    EVENTMSGINFO ev = eventRecord(4, 306, {5, 0, 8});
-    real.handle(&ev);
-    EXPECT_EQ(describe(drainEvents(ctrl).at(0)), "5:EvLog(500):8,204,4");
 }
 
 TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
@@ -104,8 +94,8 @@ TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
     command(1, "sleep 2; echo x >> " + out);
     SystemShellRunner real;
     ScopedShell installed(&real);
-    pt.handle(302, {0});
-    pt.handle(302, {0});
+    pt.handle(EvAppTerm, {0});
+    pt.handle(EvAppTerm, {0});
     EXPECT_EQ(readLines(out).size(), 0u);
     EXPECT_EQ(pt.seen.size(), 2u);
     for (int i = 0; i < 100 && readLines(out).size() < 2; ++i)

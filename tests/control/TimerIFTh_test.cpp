@@ -62,28 +62,21 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
     EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
     EXPECT_FALSE(timers.isActive(30));
 
-    // Stopping what does not run reports 1 and leaves the others alone.
+    // Stopping what does not run reports 1 and leaves the others alone; ids
+    // outside the table are ignored by every operation.
     start(40, T0 + 500, 0, 8);
-    EXPECT_EQ(1, timers.Timer_Stop(30));
-    EXPECT_EQ(1, timers.Timer_Stop(41));
-    EXPECT_TRUE(timers.isActive(40));
+    EXPECT_EQ(1, timers.Timer_Stop(30) * timers.Timer_Stop(41) * timers.Timer_Stop(332));
+    EXPECT_EQ(332, start(332, T0, 0, 8));
+    EXPECT_EQ(0, timers.Timer_Cancel(-1) + timers.Timer_Reset(100000, 5));
     EXPECT_EQ(0, timers.Timer_Stop(40));
     EXPECT_EQ(0, timers.runningTimers());
 
-    // Ids outside the table are ignored by every operation.
-    for (int id : {-1, 332, 100000}) {
-        EXPECT_EQ(id, start(id, T0, 0, 8));
-        EXPECT_EQ(1, timers.Timer_Stop(id));
-        EXPECT_EQ(0, timers.Timer_Cancel(id) + timers.Timer_Reset(id, 5));
-    }
-    EXPECT_EQ(0, timers.runningTimers());
-
-    // Stop-all covers ids 0..330; 331 is outside its walk.
-    for (int id : {0, 5, 29, 330, 331})
+    // Stop-all covers ids 0..TmNet2Last; 331 is outside its walk.
+    for (int id : {0, 5, 29, int(TmNet2Last), TmNet2Last + 1})
         start(id, T0 + 1000, 0, 8);
     timers.Timer_Cancel_All();
     EXPECT_EQ(1, timers.runningTimers());
-    EXPECT_TRUE(timers.isActive(331));
+    EXPECT_TRUE(timers.isActive(TmNet2Last + 1));
 }
 
 TEST_F(TimerIFThTest, ClockJumpsShiftTimersButOneSecondStepsDoNot)
@@ -147,31 +140,19 @@ TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
     EXPECT_EQ(0, timers.runningTimers());
 }
 
-// The real tick loop with its pause replaced: each pause records whether the status check ran since the previous
-// pause (seen as event 504, because the status record is changed at every
-// pause) and counts expiry reports, then steps the clock by one second.
+// The real tick loop with its pause replaced: each pause records whether the
+// status check ran since the previous one (seen as EvControllerInfo, because
+// the status record changes at every pause), counts expiry reports, and
+// steps the clock by one second.
 class SteppedTimers : public TimerIFTh {
 public:
     SteppedTimers(StCTrl* ctrl, ManualClock* clock, int pauses)
-        : TimerIFTh(1, ctrl, clock), mCtrl(ctrl), mClock(clock), mPauses(pauses)
+        : TimerIFTh(ThTimerIF, ctrl, clock), mCtrl(ctrl), mClock(clock), mPauses(pauses)
     {
     }
     std::vector<bool> checked;
     int expiries = 0;
     std::atomic<bool> finished{false};
-
-    // Waits (bounded) for the loop to end; a loop that ignores the stop
-    // request would hang the run, so the test program ends instead.
-    void waitFinished()
-    {
-        for (int i = 0; i < 500 && !finished.load(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!finished.load()) {
-            fprintf(stderr, "tick loop did not stop\n");
-            std::_Exit(1);
-        }
-        EXPECT_FALSE(sp());
-    }
 
 protected:
     void thread_main() override
@@ -185,8 +166,8 @@ protected:
             return;
         bool sawCheck = false;
         for (const EVENTMSGINFO& ev : drainEvents(*mCtrl)) {
-            sawCheck = sawCheck || (ev.to == 5 && ev.code == 504);
-            expiries += ev.code == 603;
+            sawCheck = sawCheck || ev.code == EvControllerInfo;
+            expiries += ev.code == EvNetTimeout;
         }
         checked.push_back(sawCheck);
         mCtrl->SetMemberContCount(static_cast<int>(checked.size()) + 1);
@@ -211,7 +192,13 @@ TEST(TimerIFThLoop, StatusCheckSkipsEveryThirdTick)
     TimerMng tm{30, static_cast<int32_t>(T0 + 1), 1, 9};
     timers.Timer_Start(&tm);
     ASSERT_TRUE(timers.st());
-    timers.waitFinished();
+    for (int i = 0; i < 500 && !timers.finished.load(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!timers.finished.load()) {
+        fprintf(stderr, "tick loop did not stop\n"); // a hung loop must not hang the run
+        std::_Exit(1);
+    }
+    EXPECT_FALSE(timers.sp());
     // Two plain ticks, then the check before two of every three ticks.
     EXPECT_EQ(timers.checked, (std::vector<bool>{false, false, true, true, false, true, true, false, true, true, false,
                                                  true, true, false}));

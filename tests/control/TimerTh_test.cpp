@@ -24,7 +24,7 @@ protected:
 
     void command(int code, const std::vector<int>& params)
     {
-        EVENTMSGINFO ev = eventRecord(0, code, params);
+        EVENTMSGINFO ev = eventRecord(ThTimer, code, params);
         th.Event_CK(&ev);
     }
     V tickAt(time_t t)
@@ -44,17 +44,17 @@ protected:
 TEST_F(TimerThTest, StartStopAndMoveCommands)
 {
     tickAt(T0);
-    command(100, {30, T0 + 5, 0, 9});  // id, expiry, interval, owner
-    command(100, {31, T0 + 5, 0, 10});
-    command(102, {31, 10});  // stops one id
+    command(EvTimerStart, {30, T0 + 5, 0, 9});  // id, expiry, interval, owner
+    command(EvTimerStart, {31, T0 + 5, 0, 10});
+    command(EvTimerStop, {31, 10});  // stops one id
     EXPECT_FALSE(timers.isActive(31));
-    command(102, {31});
-    command(104, {30, 10});  // moves another by the seconds
+    command(EvTimerStop, {31});
+    command(EvTimerShift, {30, 10});  // moves another by the seconds
     for (time_t t = T0 + 1; t < T0 + 15; ++t)
         EXPECT_TRUE(tickAt(t).empty()) << "at +" << (t - T0);
     EXPECT_EQ(tickAt(T0 + 15), V{"9:EvNetTimeout(603):30"});
     EXPECT_EQ(0, timers.runningTimers());
-    command(104, {30, 10});  // moving an id that does not run starts nothing
+    command(EvTimerShift, {30, 10});  // moving an id that does not run starts nothing
     EXPECT_FALSE(timers.isActive(30));
 }
 
@@ -62,13 +62,13 @@ TEST_F(TimerThTest, StopAllNotifiesActiveSlotsOnlyWhenAsked)
 {
     ctrl.SetMemberContActive(1, true);
     ctrl.SetMemberContActive(3, true);
-    command(100, {2, T0 + 5, 0, 8});
-    command(100, {17, T0 + 5, 30, 8});
-    command(103, {0});
+    command(EvTimerStart, {2, T0 + 5, 0, 8});
+    command(EvTimerStart, {17, T0 + 5, 30, 8});
+    command(EvTimerStopAll, {0});
     EXPECT_EQ(0, timers.runningTimers());
     EXPECT_EQ(0u, ctrl.queuedEvents());
-    command(100, {2, T0 + 5, 0, 8});
-    command(103, {1});
+    command(EvTimerStart, {2, T0 + 5, 0, 8});
+    command(EvTimerStopAll, {1});
     EXPECT_EQ(0, timers.runningTimers());
     EXPECT_EQ(tickAt(T0), (V{"9:EvTimersStopped(803):", "11:EvTimersStopped(803):"}));
 }
@@ -77,7 +77,7 @@ TEST_F(TimerThTest, UnknownCommandBroadcastsTheDiagnosticOnly)
 {
     RecordingShell shell;
     ScopedShell installed(&shell);
-    command(100, {30, T0 + 5, 0, 9});
+    command(EvTimerStart, {30, T0 + 5, 0, 9});
     command(101, {30});
     command(0, {});
     const std::string wall = "wall \xe9\x96\x93\xe9\x81\x95\xe3\x81\x84";
