@@ -166,10 +166,14 @@ std::string timerName(int value)
         int last;
         const char* name;
     };
-    static const Range ranges[] = {{TmWink, TmWink + 3, "TmWink"},          {TmCountdown, TmCountdown + 3, "TmCountdown"},
-                                   {TmAppEnd, TmAppEnd + 3, "TmAppEnd"},    {TmHealth, TmHealth + 3, "TmHealth"},
-                                   {TmScheduleA, TmScheduleA + 3, "TmScheduleA"}, {TmScheduleB, TmScheduleB + 3, "TmScheduleB"},
-                                   {TmNetFirst, TmNetLast, "TmNetFirst"},   {TmNet2First, TmNet2Last, "TmNet2First"}};
+    static const Range ranges[] = {{TmWink, TmWink + 3, "TmWink"},
+                                   {TmCountdown, TmCountdown + 3, "TmCountdown"},
+                                   {TmAppEnd, TmAppEnd + 3, "TmAppEnd"},
+                                   {TmHealth, TmHealth + 3, "TmHealth"},
+                                   {TmScheduleA, TmScheduleA + 3, "TmScheduleA"},
+                                   {TmScheduleB, TmScheduleB + 3, "TmScheduleB"},
+                                   {TmNetFirst, TmNetLast, "TmNetFirst"},
+                                   {TmNet2First, TmNet2Last, "TmNet2First"}};
     for (const Range& r : ranges)
         if (value > r.first && value <= r.last)
             return std::string(r.name) + "+" + std::to_string(value - r.first) + "(" + std::to_string(value) + ")";

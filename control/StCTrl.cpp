@@ -367,11 +367,20 @@ bool StCTrl::IsContActive(int k) { return mCont.active[k & 3] != 0; }
 
 // ---------------------------------------------------------------- builders
 
-void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmUpsDetect, int(mNow + 5), 0, ThCtrlSlot0}); }
+void StCTrl::setDetectTimerStartEvent(EVENTMSGINFO* ev)
+{
+    makeEvent(ev, ThTimer, EvTimerStart, {TmUpsDetect, int(mNow + 5), 0, ThCtrlSlot0});
+}
 
-void StCTrl::setPollingEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmUpsPoll, int(mNow + 5), 0, ThCtrlSlot0}); }
+void StCTrl::setPollingEvent(EVENTMSGINFO* ev)
+{
+    makeEvent(ev, ThTimer, EvTimerStart, {TmUpsPoll, int(mNow + 5), 0, ThCtrlSlot0});
+}
 
-void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmWink, int(mNow + getWinkTime(0)), 0, ThCtrlSlot0}); }
+void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev)
+{
+    makeEvent(ev, ThTimer, EvTimerStart, {TmWink, int(mNow + getWinkTime(0)), 0, ThCtrlSlot0});
+}
 
 void StCTrl::setWinkTimerStartEvent(EVENTMSGINFO* ev, int elapsed, int n)
 {
@@ -401,7 +410,10 @@ void StCTrl::setDummyAppTermTimerStart(EVENTMSGINFO* ev, int n)
     makeEvent(ev, ThTimer, EvTimerStart, {TmAppEnd + k, int(mNow + getAppEndTime(k) + getShutdownDelay(k)), 0, n});
 }
 
-void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStart, {TmLogDelete, int(mNow + 1800), 1800, ThCtrlSlot0}); }
+void StCTrl::setLogDeleteTimerStartEvent(EVENTMSGINFO* ev)
+{
+    makeEvent(ev, ThTimer, EvTimerStart, {TmLogDelete, int(mNow + 1800), 1800, ThCtrlSlot0});
+}
 
 void StCTrl::setLogDeleteTimerStopEvent(EVENTMSGINFO* ev)
 {
@@ -426,13 +438,25 @@ void StCTrl::setMeterTimerStartEvent(EVENTMSGINFO* ev)
 
 void StCTrl::setMeterTimerStopEvent(EVENTMSGINFO* ev) { makeEvent(ev, ThTimer, EvTimerStop, {TmMeterLog}); }
 
-void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmHealth + SetMyThreadOffset(n)}); }
+void StCTrl::setHealthChkTimerStopEvent(EVENTMSGINFO* ev, int n)
+{
+    makeEvent(ev, ThTimer, EvTimerStop, {TmHealth + SetMyThreadOffset(n)});
+}
 
-void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmWink + SetMyThreadOffset(n), n}); }
+void StCTrl::setWinkTimerStopEvent(EVENTMSGINFO* ev, int n)
+{
+    makeEvent(ev, ThTimer, EvTimerStop, {TmWink + SetMyThreadOffset(n), n});
+}
 
-void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmCountdown + SetMyThreadOffset(n), n}); }
+void StCTrl::setShutdownTimerStopEvent(EVENTMSGINFO* ev, int n)
+{
+    makeEvent(ev, ThTimer, EvTimerStop, {TmCountdown + SetMyThreadOffset(n), n});
+}
 
-void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThTimer, EvTimerStop, {TmAppEnd + SetMyThreadOffset(n), n}); }
+void StCTrl::CancelAppTermTimerStart(EVENTMSGINFO* ev, int n)
+{
+    makeEvent(ev, ThTimer, EvTimerStop, {TmAppEnd + SetMyThreadOffset(n), n});
+}
 
 void StCTrl::setAllTimerStopEvent(EVENTMSGINFO* ev, int flag) { makeEvent(ev, ThTimer, EvTimerStopAll, {flag}); }
 
@@ -457,8 +481,9 @@ void StCTrl::setPowerRecoveryEvent(EVENTMSGINFO* ev, int n) { makeEvent(ev, ThLo
 
 bool StCTrl::setPowerLogEvent(EVENTMSGINFO* ev, int code, int n)
 {
-    if (mCont.startShutdown && (code == LogCountdownMinute || code == LogCountdownLast || code == LogCountdownCancelled ||
-                                code == LogScheduleWarning || code == LogScheduleCancelled))
+    if (mCont.startShutdown &&
+        (code == LogCountdownMinute || code == LogCountdownLast || code == LogCountdownCancelled ||
+         code == LogScheduleWarning || code == LogScheduleCancelled))
         return false;
     makeEvent(ev, ThLog, EvLog, {n, code});
     int k = SetMyThreadOffset(n) & 3;

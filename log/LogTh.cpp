@@ -210,7 +210,8 @@ void LogTh::originSuffix(std::string* out, int index)
     std::string name;
     switch (displayType(thread)) {
     case 1:
-        name = mWiring.members && *mWiring.members ? (*mWiring.members)->getConf(indexed("UGName", slot)) : std::string();
+        name =
+            mWiring.members && *mWiring.members ? (*mWiring.members)->getConf(indexed("UGName", slot)) : std::string();
         break;
     case 2:
         name = displayHostName(thread, conf(indexed("HostName", slot)));

@@ -59,7 +59,8 @@ protected:
     {
         codes.insert(codes.begin(), {cond, utility, elapsed, 0});
         codes.push_back(owner);
-        notify(owner == ThCtrlSlot0 && cfg.getConf("UPSController") != "2" ? NtUpsPollResult : NtMemberPowerReport, codes);
+        notify(owner == ThCtrlSlot0 && cfg.getConf("UPSController") != "2" ? NtUpsPollResult : NtMemberPowerReport,
+               codes);
     }
     void expire(int id, int owner) { notify(NtTimerExpired, {id, 0, owner}); }
     V events() { return drainDescribed(ctrl); }
@@ -104,7 +105,8 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
     // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the
     // next tick where that minute ends.
     report(9, 4, 3, 100, {14, 357, 316});
-    EXPECT_EQ(events(), (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14",
+                           "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
     EXPECT_EQ(ctrl.power(1).phase, StCTrl::PhaseCountdown);
     EXPECT_EQ(ctrl.power(1).remaining, 2);
     EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
@@ -118,8 +120,9 @@ TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnce)
 {
     member(1);
     report(8, 4, 3, 210, {14, 357});  // 30 s wink + 3 minutes
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1", "5:EvLog(500):8,3", "4:EvAppTerm(302):0",
-                           "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(events(),
+              (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
+                 "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     EXPECT_EQ(ctrl.power(0).reason, 1);
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
@@ -133,8 +136,8 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     EXPECT_EQ(ruleEvents(), V{"0:EvTimerStart(100):3," + at(30) + ",0,8"});
     clock.advance(30);
     expire(TmWink, 8);
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,3", "5:EvPowerFailReport(300):3,8",
-                           "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,3",
+                           "5:EvPowerFailReport(300):3,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
     clock.advance(60);
     expire(TmCountdown, 8);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,0,2", "5:EvPowerFailReport(300):2,8"}));
@@ -143,7 +146,8 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,1", "5:EvPowerFailReport(300):1,8"}));
     clock.advance(60);
     expire(TmCountdown, 8);
-    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5", "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5",
+                           "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     EXPECT_EQ(ctrl.power(0).reason, 1);
 
@@ -159,7 +163,8 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     EXPECT_EQ(info.appEndStatus[0], 1);
     clock.advance(20);
     expire(TmAppEnd, 8);
-    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
+    EXPECT_EQ(events(),
+              (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
 }
 
 TEST_F(Rules, RestorationWhileCountingDownCancels)
@@ -167,10 +172,11 @@ TEST_F(Rules, RestorationWhileCountingDownCancels)
     controller();
     timing(1, 0, 2);
     report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2", "5:EvPowerFailReport(300):2,8",
-                               "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2",
+                               "5:EvPowerFailReport(300):2,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
     report(8, 4, 2, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3", "0:EvTimerStop(102):7,8"}));
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3",
+                               "0:EvTimerStop(102):7,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
@@ -180,8 +186,10 @@ TEST_F(Rules, SecondConditionEndsTheWinkAndShutsDown)
     report(8, 4, 3, 0);
     events();
     report(8, 5, 3, 0, {16});
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,16", "0:EvTimerStop(102):3,8", "5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "0:EvTimerStop(102):7,8",
-                               "5:EvLog(500):8,3", "5:EvMeterLog(501):5", "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(ruleEvents(),
+              (V{"5:EvLog(500):8,16", "0:EvTimerStop(102):3,8", "5:EvLog(500):8,357", "5:EvLog(500):8,14",
+                 "5:EvMeterLog(501):2", "0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5",
+                 "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
     report(8, 5, 3, 0);
     EXPECT_EQ(ruleEvents(), V{});
@@ -210,7 +218,8 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     notify(NtSchedule, {7, 0, 8});  // more than five minutes: nothing yet
     EXPECT_EQ(events(), V{});
     notify(NtSchedule, {5, 0, 8});
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,5", "5:EvScheduleReport(304):5,8", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
+    EXPECT_EQ(events(),
+              (V{"5:EvLog(500):8,204,5", "5:EvScheduleReport(304):5,8", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
     EXPECT_EQ(ctrl.ShutDownGetSCHStatus(0), 1);
 
     // The timer's expiry goes through the power thread and back one lower.
@@ -218,9 +227,11 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     expire(TmScheduleA, 8);
     EXPECT_EQ(events(), V{"4:EvScheduleRelay(306):5,21,8"});
     notify(NtSchedule, {4, 21, 8});
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,4", "5:EvScheduleReport(304):4,8", "0:EvTimerStop(102):21", "0:EvTimerStart(100):25," + at(60) + ",0,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,4", "5:EvScheduleReport(304):4,8", "0:EvTimerStop(102):21",
+                           "0:EvTimerStart(100):25," + at(60) + ",0,8"}));
     notify(NtSchedule, {3, 0, 8});
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,3", "5:EvScheduleReport(304):3,8", "0:EvTimerStop(102):25", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,204,3", "5:EvScheduleReport(304):3,8", "0:EvTimerStop(102):25",
+                           "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
     notify(NtSchedule, {3, 25, 8});  // relay of the replaced timer: stale
     EXPECT_EQ(events(), V{});
 
@@ -233,8 +244,8 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     notify(NtSchedule, {1, 0, 8});
     events();
     notify(NtSchedule, {0, 0, 8});
-    EXPECT_EQ(events(),
-              (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,2", "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer(), "0:EvTimerStop(102):21"}));
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,2", "5:EvLog(500):8,3",
+                           "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer(), "0:EvTimerStop(102):21"}));
     EXPECT_EQ(ctrl.power(0).reason, 2);
     notify(NtSchedule, {5, 0, 8});
     EXPECT_EQ(events(), V{});
@@ -246,7 +257,8 @@ TEST_F(Rules, ShutdownDecisionWithTwoControllers)
 {
     member(2, true);
     report(8, 4, 3, 210);
-    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "0:EvTimerStart(100):12," + at(140) + ",0,8", "5:EvLog(500):8,217"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8",
+                           "0:EvTimerStart(100):12," + at(140) + ",0,8", "5:EvLog(500):8,217"}));
     EXPECT_EQ(ctrl.GetAppStatus(0), 1);
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 0);
     EXPECT_FALSE(ctrl.ISStartShutdown(0, 1));
