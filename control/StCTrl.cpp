@@ -12,7 +12,7 @@
 #include "config/FileMap.h"
 #include "core/BoundedNumber.h"
 #include "core/Clock.h"
-#include "daemon/Globals.h"
+#include "xcp/UpsDataBlock.h"
 
 namespace {
 const int kNotifySlot = 0;
@@ -21,6 +21,8 @@ const int kQueueSlot = 1;
 const int kMaxSeconds = 86400;
 const int kMaxMinutes = 1440;
 } // namespace
+
+StCTrl::StCTrl(const Wiring& wiring) : StCTrl(nullptr, nullptr) { mWiring = wiring; }
 
 StCTrl::StCTrl(Clock* clock, FileMap* config)
     : mStateUps(0), mStateBattery(0), mStatePower(0), mNow(0), mTimingChanged(false), mCheckResult(0),
@@ -150,7 +152,7 @@ bool StCTrl::popHeadForTest(EVENTMSGINFO* out)
 
 std::string StCTrl::conf(const std::string& key)
 {
-    FileMap* map = mConfig ? mConfig : gpMapConfig;
+    FileMap* map = mConfig ? mConfig : mWiring.config ? *mWiring.config : nullptr;
     return map ? map->getConf(key) : std::string();
 }
 
@@ -262,25 +264,32 @@ int StCTrl::SetOutPutStatus(bool on, bool quiet, int slot)
 
 void StCTrl::SetMemCfgPort(int index, unsigned short port)
 {
-    if (!gpm_Memcnt)
+    FileMap* members = mWiring.members ? *mWiring.members : nullptr;
+    if (!members)
         return;
     char key[32];
     snprintf(key, sizeof key, "Port%d", index);
-    gpm_Memcnt->setConfNum(key, port);
-    gpm_Memcnt->save();
+    members->setConfNum(key, port);
+    members->save();
 }
 
 void StCTrl::SetUPSCommInfo(const char* text)
 {
     // Only the daemon's own controller publishes its text for the console.
-    if (mConfig != nullptr || this != &gCStCtrl)
+    if (!mWiring.homeDir)
         return;
-    std::string path = gHomeDir + "upsCommInfo.tmp";
+    std::string path = *mWiring.homeDir + "upsCommInfo.tmp";
     FILE* f = fopen(path.c_str(), "w");
     if (!f)
         return;
     fprintf(f, "%s\n", text);
     fclose(f);
+}
+
+bool StCTrl::upsAlarmActive(int alarm, int k)
+{
+    UpsDataBlock* ups = mWiring.ups ? *mWiring.ups : nullptr;
+    return ups && ups->isAlarmActive(alarm, k);
 }
 
 void StCTrl::ShutDownSetSCHStatus(int k, int v)

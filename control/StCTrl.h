@@ -15,6 +15,7 @@
 
 class Clock;
 class FileMap;
+class UpsDataBlock;
 
 class StCTrl {
 public:
@@ -44,10 +45,23 @@ public:
         std::string runCommand;
     };
 
+    // What the daemon's own controller core reads, handed over once by the
+    // composition root: the addresses of the pointers start-up fills (the
+    // core exists before the maps are loaded) and the home directory.
+    struct Wiring {
+        FileMap** config = nullptr;           // "Kestrava.ini"
+        FileMap** members = nullptr;          // "Membercnt.cfg" (member role)
+        UpsDataBlock** ups = nullptr;         // the UPS data (its active alarms)
+        const std::string* homeDir = nullptr; // where "upsCommInfo.tmp" is written
+    };
+
     // clock: the clock every decision time is read from (the system clock by
-    // default). config: the configuration map to read; null means the global
-    // gpMapConfig at the time of each read.
+    // default). config: the configuration map to read (none: every key
+    // reads empty). A core made this way has no member map, no UPS data and
+    // publishes no UPS communication text.
     explicit StCTrl(Clock* clock = nullptr, FileMap* config = nullptr);
+    // The daemon's controller core.
+    explicit StCTrl(const Wiring& wiring);
     virtual ~StCTrl();
 
     StCTrl(const StCTrl&) = delete;
@@ -105,6 +119,8 @@ public:
     int SetOutPutStatus(bool on, bool quiet, int slot);
     void SetMemCfgPort(int index, unsigned short port);
     void SetUPSCommInfo(const char* text);
+    // True when the UPS data reports this alarm for the slot (false with no data).
+    bool upsAlarmActive(int alarm, int k);
 
     void ShutDownSetSCHStatus(int k, int v);
     int ShutDownGetSCHStatus(int k);
@@ -233,5 +249,6 @@ private:
     int mMemberContCount;
     Clock* mClock;
     FileMap* mConfig;
+    Wiring mWiring;
     std::atomic<unsigned> mRunning; // bit n: thread n runs
 };

@@ -12,7 +12,6 @@
 #include <cstring>
 
 #include "control/StCTrl.h"
-#include "daemon/Globals.h"
 #include "xcp/UpsDataBlock.h"
 
 
@@ -209,9 +208,9 @@ void StCTrl::setHappenPowerEvent(int n)
 {
     const int k = SetMyThreadOffset(n) & 3;
     // An alarm the UPS data already shows active is not logged again here.
-    if (!(gUpsData && gUpsData->isAlarmActive(57, k)))
+    if (!upsAlarmActive(57, k))
         postLog(LogPowerFail, n);
-    if (!(gUpsData && gUpsData->isAlarmActive(59, k)))
+    if (!upsAlarmActive(59, k))
         postLog(LogOnBattery, n);
 }
 

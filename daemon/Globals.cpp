@@ -16,7 +16,7 @@
 #include "xcp/XcpIFTh.h"
 #include "xcp/XcpTh.h"
 
-StCTrl gCStCtrl;
+StCTrl gCStCtrl(StCTrl::Wiring{&gpMapConfig, &gpm_Memcnt, &gUpsData, &gHomeDir});
 TimerTh gCTimerThread(ThTimer);
 TimerIFTh gCTimerIfThread(ThTimerIF);
 XcpTh gCXcpThread(ThXcp);
