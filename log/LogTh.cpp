@@ -193,7 +193,7 @@ void LogTh::eventLogLines(const EVENTMSGINFO* ev, time_t t)
         replaceFirst(&line, "$MINUTES", std::to_string(minutes));
         replaceFirst(&line, "$SEGMENT", "");
         write(&path, &line);
-        if ((usedValue || code == 0 || code == 204) && i + 1 < count - 1)
+        if ((usedValue || code == LogCountdownMinute || code == LogScheduleWarning) && i + 1 < count - 1)
             ++i;
     }
 }

@@ -68,7 +68,7 @@ protected:
 
     void post(int code, std::vector<int> params)
     {
-        EVENTMSGINFO ev = eventRecord(5, code, params);
+        EVENTMSGINFO ev = eventRecord(ThLog, code, params);
         log.writeLog(&ev);
     }
     std::string logFile(const std::string& name) { return readFile(dir + "/log/" + name); }
@@ -90,9 +90,9 @@ protected:
 TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
 {
     clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
-    post(500, {1, 6});
+    post(EvLog, {1, 6});
     clock.advance(1);
-    post(500, {1, 11});
+    post(EvLog, {1, 11});
     // The "log" directory did not exist: the first entry created it.
     EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 Daemon started on hostA\n");
     EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Communication established\n");
@@ -103,7 +103,7 @@ TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
     clock.set(ManualClock::utc(2026, 11, 14, 8, 5, 3));
     // Message 0 with its value 5: the value stands for "$MINUTES" and is
     // not written again as message "5"; the next item is a message again.
-    post(500, {1, 0, 5, 5});
+    post(EvLog, {1, 0, 5, 5});
     EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
                                      "2026/11/14 08:05:03 five\n");
 
@@ -111,9 +111,9 @@ TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
     // of 1 or less writes nothing; a missing message number gives an empty text.
     fs::remove(dir + "/log/202611.log");
     log.setHostNameSource(&brokenHost);
-    post(500, {1});
-    post(500, {1, 6});
-    post(500, {1, 999});
+    post(EvLog, {1});
+    post(EvLog, {1, 6});
+    post(EvLog, {1, 999});
     EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 Daemon started on localhost\n"
                                      "2026/11/14 08:05:03 \n");
 }
@@ -123,14 +123,14 @@ TEST_F(LogThTest, OriginSuffixOnlyOnAMemberForAFollowedController)
     clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     IpcCTrlMTh member(8);
     g_pMemberTh[0] = &member;
-    post(500, {8, 6}); // a controller names no origin, even for index 8
+    post(EvLog, {8, 6}); // a controller names no origin, even for index 8
     // A member names the controller it follows (by address); not for its
     // own entries (index 1) and not for a slot without a thread.
     config.setConf("UPSController", "2");
-    post(500, {8, 6});
-    post(500, {1, 6});
+    post(EvLog, {8, 6});
+    post(EvLog, {1, 6});
     g_pMemberTh[0] = nullptr;
-    post(500, {8, 6});
+    post(EvLog, {8, 6});
     EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n"
                                      "2026/11/14 08:00:00 (10.1.2.3)Daemon started on hostA\n"
                                      "2026/11/14 08:00:00 Daemon started on hostA\n"
@@ -143,15 +143,15 @@ TEST_F(LogThTest, OperatorBroadcastsAndUnknownCodesIgnored)
     ScopedShell scoped(&shell);
     post(499, {1, 6});
     post(506, {1, 6});
-    post(300, {1, 8});
-    post(300, {5, 8});
-    post(301, {8});
-    post(304, {7, 8});
-    post(305, {8});
+    post(EvPowerFailReport, {1, 8});
+    post(EvPowerFailReport, {5, 8});
+    post(EvPowerRestoredReport, {8});
+    post(EvScheduleReport, {7, 8});
+    post(EvScheduleCancelReport, {8});
     config.setConf("UPSController", "2");
-    post(300, {3, 9});
+    post(EvPowerFailReport, {3, 9});
     config.setConf("CtrlIPAddress2", "10.9.9.9");
-    post(305, {9});
+    post(EvScheduleCancelReport, {9});
     EXPECT_EQ(shell.runCommands(), (std::vector<std::string>{
                                        "wall hostA: shutdown in one minute",
                                        "wall hostA: shutdown in 5 minutes ($MINUTES)$SEGMENT, $MACHINE$SEGMENT",
@@ -200,7 +200,7 @@ TEST_F(LogThTest, SpillFileExistsOnlyWhileTheSecondWallRuns)
 TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
 {
     writeFile(dir + "/alert3so.rc", "2=three so\n");
-    post(503, {3});
+    post(EvMessageFile, {3});
     FileMap* first = gpMapMessage;
     EXPECT_EQ(first->getConf("2"), "three so");
     EXPECT_EQ(log.currentVariant(), 3);
@@ -232,15 +232,15 @@ TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
     clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     config.setConf("Path", dir + "/missing/deeper");
     testing::internal::CaptureStderr();
-    post(500, {1, 6});
-    post(500, {1, 6});
+    post(EvLog, {1, 6});
+    post(EvLog, {1, 6});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n");
     EXPECT_FALSE(fs::exists(dir + "/missing"));
 
     // Once the directory can be made, entries are written again.
     fs::create_directories(dir + "/missing/deeper");
-    post(500, {1, 6});
+    post(EvLog, {1, 6});
     EXPECT_EQ(readFile(dir + "/missing/deeper/log/202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n");
 }
 

@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-EVENTMSGINFO meterEvent(std::vector<int> params) { return eventRecord(5, 501, params); }
+EVENTMSGINFO meterEvent(std::vector<int> params) { return eventRecord(ThLog, EvMeterLog, params); }
 
 // The leading fields of a meter-log line at `t` (UTC).
 std::string stamp(const char* text, time_t t) { return "\"" + std::string(text) + "\",\"" + std::to_string(t) + "\","; }
@@ -144,7 +144,7 @@ TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
     EVENTMSGINFO ev = meterEvent({1});
     log.writeLog(&ev);
     ev = meterEvent({});
-    ev.code = 502;
+    ev.code = EvLogDelete;
     log.writeLog(&ev);
 
     EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "config/FileMap.h"
+#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "tests/fakes/ManualClock.h"
 #include "xcp/XcpTh.h"
@@ -37,9 +38,9 @@ TEST(XcpThTest, ForwardsEventsAddressedToItsNumber)
     EVENTMSGINFO ev;
     memset(&ev, 0, sizeof ev);
     ev.to = 2;
-    ev.code = 201;
+    ev.code = EvUpsPoll;
     ctrl.SetEvent(&ev);
-    ev.code = 202;
+    ev.code = EvUpsPowerOff;
     ctrl.SetEvent(&ev);
     xcp.forwardOne();
     xcp.forwardOne();
