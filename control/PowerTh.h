@@ -9,13 +9,11 @@
 
 class StCTrl;
 
-extern StCTrl gCStCtrl;
-
 class PowerTh : public tthread {
 public:
     // ctrl: the controller whose events this thread takes and to which it
     // reports (the daemon's own by default).
-    explicit PowerTh(int number, StCTrl* ctrl = &gCStCtrl);
+    PowerTh(int number, StCTrl* ctrl);
     ~PowerTh() override;
 
     PowerTh(const PowerTh&) = delete;

@@ -14,8 +14,6 @@
 class Clock;
 class StCTrl;
 
-extern StCTrl gCStCtrl;
-
 class TimerIFTh : public tthread {
 public:
     // Number of timer ids: 0..331.
@@ -23,7 +21,7 @@ public:
 
     // ctrl: the controller expiries are reported to. clock: the wall clock
     // the ticks read (null = the system clock).
-    explicit TimerIFTh(int number, StCTrl* ctrl = &gCStCtrl, Clock* clock = nullptr);
+    TimerIFTh(int number, StCTrl* ctrl, Clock* clock = nullptr);
     ~TimerIFTh() override;
 
     TimerIFTh(const TimerIFTh&) = delete;

@@ -1,5 +1,5 @@
 // TimerTh: the timer command thread (number 0). Takes the timer commands
-// (events 100 start, 102 stop, 103 stop all, 104 move) from the event queue
+// (EvTimerStart, EvTimerStop, EvTimerStopAll, EvTimerShift) from the event queue
 // and applies them to the timer list of TimerIFTh.
 #pragma once
 
@@ -9,14 +9,11 @@
 
 class StCTrl;
 
-extern StCTrl gCStCtrl;
-extern TimerIFTh gCTimerIfThread;
-
 class TimerTh : public tthread {
 public:
     // timers: the timer list the commands act on. ctrl: the controller whose
-    // queue is read and to which notification 9001 goes.
-    explicit TimerTh(int number, TimerIFTh* timers = &gCTimerIfThread, StCTrl* ctrl = &gCStCtrl);
+    // queue is read and to which NtAllTimersStopped goes.
+    TimerTh(int number, TimerIFTh* timers, StCTrl* ctrl);
     ~TimerTh() override;
 
     TimerTh(const TimerTh&) = delete;

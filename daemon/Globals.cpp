@@ -17,13 +17,13 @@
 #include "xcp/XcpTh.h"
 
 StCTrl gCStCtrl(StCTrl::Wiring{&gpMapConfig, &gpm_Memcnt, &gUpsData, &gHomeDir});
-TimerTh gCTimerThread(ThTimer);
-TimerIFTh gCTimerIfThread(ThTimerIF);
+TimerTh gCTimerThread(ThTimer, &gCTimerIfThread, &gCStCtrl);
+TimerIFTh gCTimerIfThread(ThTimerIF, &gCStCtrl);
 XcpTh gCXcpThread(ThXcp);
 XcpIFTh gCXcpIfThread(ThXcpIF);
 LogTh gCLogThread(ThLog, &gCStCtrl,
                   LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh, nullptr});
-PowerTh gPowerThread(ThPower);
+PowerTh gPowerThread(ThPower, &gCStCtrl);
 CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig);
 IpcIFTh gIpcIfThread(ThIpcIF);
 IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0);
