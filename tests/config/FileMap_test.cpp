@@ -14,11 +14,15 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/FailingFileSystem.h"
 #include "tests/fakes/TempDir.h"
 
 namespace fs = std::filesystem;
@@ -94,20 +98,6 @@ TEST_F(FileMapTest, LoadParsesLinesAndReloads)
     EXPECT_EQ(fm.getConf("a"), "");
 }
 
-TEST(FileMapSetters, LineFeedRefusedEmptyStoredNumbersFormatted)
-{
-    FileMap fm;
-    fm.setConf("k", "old");
-    fm.setConf("k", "\n");
-    EXPECT_EQ(fm.getConf("k"), "old");
-    fm.setConf("\n", "v");
-    EXPECT_EQ(fm.getConf("\n"), "");
-    fm.setConf("k", "");
-    EXPECT_EQ(fm.getConf("k"), "");
-    fm.setConfNum("n", -2147483647 - 1);
-    EXPECT_EQ(fm.getConf("n"), "-2147483648");
-}
-
 TEST_F(FileMapTest, SaveRewritesOnlyChangedValuesInPlace)
 {
     dir.write("Kestrava.ini",
@@ -135,17 +125,99 @@ TEST_F(FileMapTest, SaveRewritesOnlyChangedValuesInPlace)
     EXPECT_EQ(dir.read("Kestrava.ini"), saved);
 }
 
-TEST_F(FileMapTest, SaveOnMissingFileCreatesNothingAndReleasesTheLock)
+std::set<std::string> namesIn(const std::string& dir)
 {
-    std::string p = dir.file("alert.rc");
-    dir.write("alert.rc", "204=text\n");
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir))
+        names.insert(e.path().filename().string());
+    return names;
+}
+
+TEST_F(FileMapTest, FailedSaveLeavesTheOldFileAndNoTemporaryFile)
+{
+    const std::string p = dir.file("Kestrava.ini"), text = "# access code inside\nUPSController=2\nAccessCode1=secret\n";
+    writeFile(p, text, 0600);
     FileMap fm(p);
-    fm.setConf("204", "changed");
+    FailingFileSystem disk;
+    fm.setFileSystem(&disk);
+    fm.setConf("UPSController", "1");
+    for (const char* call : {"open", "write", "fsync", "rename"}) {
+        disk.failing = call;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(saveBounded(fm), 0) << call;
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(dir.read("Kestrava.ini"), text) << call;
+        EXPECT_EQ(namesIn(dir.path()), std::set<std::string>{"Kestrava.ini"}) << call;
+        EXPECT_NE(err.find("cannot save " + p + ": "), std::string::npos) << err;
+        EXPECT_NE(err.find("No space left on device"), std::string::npos) << err;
+    }
+
+    // Saved at last: the new text, still readable by the owner only.
+    disk.failing = "";
+    EXPECT_EQ(saveBounded(fm), 1);
+    EXPECT_EQ(dir.read("Kestrava.ini"), "# access code inside\nUPSController= 1\nAccessCode1=secret\n");
+    struct stat st = {};
+    ASSERT_EQ(stat(p.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(namesIn(dir.path()), std::set<std::string>{"Kestrava.ini"});
+
+    // A file deleted meanwhile is not created again; the lock is released.
     fs::remove(p);
     EXPECT_EQ(saveBounded(fm), 0);
     EXPECT_TRUE(fs::is_empty(dir.path()));
-    runBounded([&] { fm.setConf("204", "again"); });
-    EXPECT_EQ(fm.getConf("204"), "again");
+    runBounded([&] { fm.setConf("UPSController", "2"); });
+
+    // A real full disk, where mounting a small tmpfs is permitted: the
+    // longer text does not fit, the old one stays.
+    const std::string mnt = dir.file("full");
+    fs::create_directory(mnt);
+    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=16k") != 0)
+        return;
+    const std::string small = "Path=/opt/kestrava\nModelName=" + std::string(3000, 'x') + "\n";
+    writeFile(mnt + "/Kestrava.ini", small, 0600);
+    FILE* filler = std::fopen((mnt + "/filler").c_str(), "w");
+    while (filler && std::fputc('f', filler) != EOF && std::fflush(filler) == 0) {
+    }
+    if (filler)
+        std::fclose(filler);
+    FileMap full(mnt + "/Kestrava.ini");
+    full.setConf("ModelName", std::string(6000, 'y'));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(saveBounded(full), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(readFile(mnt + "/Kestrava.ini"), small);
+    EXPECT_EQ(namesIn(mnt), (std::set<std::string>{"Kestrava.ini", "filler"}));
+    umount(mnt.c_str());
+}
+
+TEST_F(FileMapTest, LineBreaksNeverReachTheFile)
+{
+    dir.write("Kestrava.ini", "ModelName=\nAppTermCommand1=\n");
+    FileMap fm(dir.file("Kestrava.ini"));
+    // An identity from the UPS or a console request carrying a line break
+    // would otherwise add a command line of its own at the next save.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(fm.setConf("ModelName", "\r\nAppTermCommand1=touch x"), 0);
+    EXPECT_EQ(fm.setConf("ModelName", "UPS\nAppTermCommand1=touch x"), 0);
+    EXPECT_EQ(fm.setConf("ModelName", std::string("UPS\0x", 5)), 0);
+    EXPECT_EQ(fm.setConf("Model\rName", "x"), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("refused to set \"ModelName\""), std::string::npos) << err;
+    EXPECT_EQ(saveBounded(fm), 1);
+    EXPECT_EQ(dir.read("Kestrava.ini"), "ModelName=\nAppTermCommand1=\n");
+
+    // A lone line feed is ignored silently; an empty value is stored.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(fm.setConf("ModelName", "old"), 1);
+    EXPECT_EQ(fm.setConf("ModelName", "\n"), 0);
+    EXPECT_EQ(fm.setConf("\n", "v"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(fm.getConf("ModelName"), "old");
+    EXPECT_EQ(fm.getConf("\n"), "");
+    EXPECT_EQ(fm.setConf("ModelName", ""), 1);
+    EXPECT_EQ(fm.getConf("ModelName"), "");
+    EXPECT_EQ(fm.setConfNum("n", -2147483647 - 1), 1);
+    EXPECT_EQ(fm.getConf("n"), "-2147483648");
 }
 
 TEST_F(FileMapTest, SaveCollapsesEmptyLinesAndKeepsCarriageReturnsOfUnchangedLines)
