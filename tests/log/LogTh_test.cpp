@@ -18,6 +18,7 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
+#include "core/FatalStop.h"
 #include "core/ShellRunner.h"
 #include "ipc/IpcCTrlMTh.h"
 #include "tests/fakes/ChildProcess.h"
@@ -86,35 +87,24 @@ protected:
     LogTh log{5, &ctrl, &clock};
 };
 
-TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
+TEST_F(LogThTest, MonthlyFileAndPlaceholdersAtTheirFirstOccurrenceOnly)
 {
     clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
-    post(500, {1, 6});
-    clock.advance(1);
-    post(500, {1, 11});
-    // The "log" directory did not exist: the first entry created it.
-    EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 Daemon started on hostA\n");
-    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Communication established\n");
-}
-
-TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
-{
-    clock.set(ManualClock::utc(2026, 11, 14, 8, 5, 3));
     // Message 0 with its value 5: the value stands for "$MINUTES" and is
     // not written again as message "5"; the next item is a message again.
     post(500, {1, 0, 5, 5});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
-                                     "2026/11/14 08:05:03 five\n");
-
     // A host name that cannot be read is "localhost"; a record with a count
     // of 1 or less writes nothing; a missing message number gives an empty text.
-    fs::remove(dir + "/log/202611.log");
+    clock.advance(1);
     log.setHostNameSource(&brokenHost);
     post(500, {1});
     post(500, {1, 6});
     post(500, {1, 999});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 Daemon started on localhost\n"
-                                     "2026/11/14 08:05:03 \n");
+    // The "log" directory did not exist: the first entry created it.
+    EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
+                                     "2026/11/30 23:59:59 five\n");
+    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Daemon started on localhost\n"
+                                     "2026/12/01 00:00:00 \n");
 }
 
 TEST_F(LogThTest, OriginSuffixOnlyOnAMemberForAFollowedController)
@@ -186,14 +176,6 @@ TEST_F(LogThTest, SpillFileExistsOnlyWhileTheSecondWallRuns)
     EXPECT_EQ(shell.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
     EXPECT_EQ(shell.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
     EXPECT_FALSE(fs::exists(spill));
-
-    // A spill file left over from before is replaced, not appended to.
-    writeFile(spill, "stale text\n");
-    FailingWall again(spill);
-    ScopedShell scopedAgain(&again);
-    log.MsgDisp("second");
-    EXPECT_EQ(again.spillAtCall.at(1), "second\n");
-    EXPECT_FALSE(fs::exists(spill));
 }
 
 TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
@@ -216,17 +198,23 @@ TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
     FileMap* second = gpMapMessage;
     log.ReloadAlertFile(0);
     EXPECT_EQ(gpMapMessage, second);
+
+    // A missing file asks the main thread to end the daemon; the thread
+    // then takes its events without touching the maps or the logs.
+    fs::remove(dir + "/alert3so.rc");
+    testing::internal::CaptureStderr();
+    post(503, {3});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
+    EXPECT_TRUE(FatalStop::requested());
+    EXPECT_EQ(FatalStop::status(), 1);
+    FatalStop::resetForTests();
+    EXPECT_EQ(gpMapMessage, nullptr);
+    post(500, {1, 6});
+    EXPECT_FALSE(fs::exists(dir + "/log"));
 }
 
-TEST_F(LogThTest, MissingMessageFileEndsTheProcessWithStatus1)
-{
-    // alert3so.rc does not exist. Run in a child: the switch ends the process.
-    ChildRun r = runChild(dir, [&] { log.ReloadAlertFile(3); });
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
-}
-
-TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
+TEST_F(LogThTest, WriteFailuresAreReportedOnceUntilAWriteSucceeds)
 {
     clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     config.setConf("Path", dir + "/missing/deeper");
@@ -234,13 +222,19 @@ TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
     post(500, {1, 6});
     post(500, {1, 6});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n");
-    EXPECT_FALSE(fs::exists(dir + "/missing"));
+              "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n"
+              "kestrava: cannot write the log file " + dir + "/missing/deeper/log/202611.log: No such file or "
+              "directory; log lines are lost until it works again\n");
 
-    // Once the directory can be made, entries are written again.
-    fs::create_directories(dir + "/missing/deeper");
-    post(500, {1, 6});
-    EXPECT_EQ(readFile(dir + "/missing/deeper/log/202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n");
+    // A full disk fails at the flush: reported once, and again only after
+    // a line was written in between.
+    std::string full = "/dev/full", good = dir + "/good.log", line = "x";
+    testing::internal::CaptureStderr();
+    for (std::string* path : {&good, &full, &full, &good, &full, &full})
+        EXPECT_EQ(LogTh::write(path, &line), path == &good ? 1 : 0);
+    const std::string once = "kestrava: cannot write the log file /dev/full: No space left on device; "
+                             "log lines are lost until it works again\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), once + once);
 }
 
 } // namespace
