@@ -21,7 +21,6 @@
 #include "core/FatalStop.h"
 #include "core/ShellRunner.h"
 #include "ipc/IpcCTrlMTh.h"
-#include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
@@ -178,7 +177,7 @@ TEST_F(LogThTest, SpillFileExistsOnlyWhileTheSecondWallRuns)
     EXPECT_FALSE(fs::exists(spill));
 }
 
-TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
+TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnceAndAMissingFileStops)
 {
     writeFile(dir + "/alert3so.rc", "2=three so\n");
     post(503, {3});

@@ -95,6 +95,17 @@ TEST_F(MeterLogTest, EventTextsMeasurementsAndTheNoDataLine)
 
 TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
 {
+    // Through the log thread: events 501 and 502 in the "Path" directory.
+    LogTh log(5, &ctrl, &clock);
+    clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
+    writeFile(logDir + "20261001.vlg", "x\n");
+    for (int code : {501, 502}) {
+        EVENTMSGINFO ev = eventRecord(5, code, {1});
+        log.writeLog(&ev);
+    }
+    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 06:00:00", clock.now()) + "\"Log stopped\"\n");
+
     for (const char* name : {"20261031.vlg", "20261106.vlg", "20261107.vlg", "20261114.vlg", "202611.log",
                              "202610.log", "notes.txt", "00000000.txt"})
         writeFile(logDir + name, "x\n");
@@ -123,22 +134,6 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
         EXPECT_NE(testing::internal::GetCapturedStderr().find("old meter logs are not deleted"), std::string::npos);
     }
     EXPECT_TRUE(fs::exists(logDir + "20261001.vlg"));
-}
-
-TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
-{
-    LogTh log(5, &ctrl, &clock);
-    clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
-    writeFile(logDir + "20261001.vlg", "x\n");
-
-    EVENTMSGINFO ev = meterEvent({1});
-    log.writeLog(&ev);
-    ev = meterEvent({});
-    ev.code = 502;
-    log.writeLog(&ev);
-
-    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
-    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 06:00:00", clock.now()) + "\"Log stopped\"\n");
 }
 
 } // namespace
