@@ -1,12 +1,10 @@
-// Tests of the log thread: event-log files and lines, placeholders, origin
-// suffix, operator broadcasts through a fake shell, the "wall" spill file,
-// the message-file switch and the log directory. Everything happens in a
-// private temporary directory with a manual clock in UTC.
+// Tests of the log thread: event-log lines, operator broadcasts through a
+// fake shell, the message-file switch and write failures, in a private
+// temporary directory with a manual clock in UTC.
 #include "log/LogTh.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -32,11 +30,7 @@ namespace {
 
 int fakeHost(char* name, size_t length) { return snprintf(name, length, "hostA") < 0; }
 
-int brokenHost(char*, size_t)
-{
-    errno = EFAULT;
-    return -1;
-}
+int brokenHost(char*, size_t) { return -1; }
 
 class LogThTest : public ::testing::Test {
 protected:
@@ -86,7 +80,7 @@ protected:
     LogTh log{5, &ctrl, &clock};
 };
 
-TEST_F(LogThTest, MonthlyFileAndPlaceholdersAtTheirFirstOccurrenceOnly)
+TEST_F(LogThTest, EventLogFilesPlaceholdersAndOrigin)
 {
     clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
     // Message 0 with its value 5: the value stands for "$MINUTES" and is
@@ -102,30 +96,39 @@ TEST_F(LogThTest, MonthlyFileAndPlaceholdersAtTheirFirstOccurrenceOnly)
     // The "log" directory did not exist: the first entry created it.
     EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
                                      "2026/11/30 23:59:59 five\n");
-    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Daemon started on localhost\n"
-                                     "2026/12/01 00:00:00 \n");
-}
 
-TEST_F(LogThTest, OriginSuffixOnlyOnAMemberForAFollowedController)
-{
-    clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
+    // Origin: only a member names the controller it follows (by address),
+    // not for its own entries (index 1) nor for a slot without a thread.
     IpcCTrlMTh member(8);
     g_pMemberTh[0] = &member;
-    post(500, {8, 6}); // a controller names no origin, even for index 8
-    // A member names the controller it follows (by address); not for its
-    // own entries (index 1) and not for a slot without a thread.
+    post(500, {8, 11});
     config.setConf("UPSController", "2");
-    post(500, {8, 6});
-    post(500, {1, 6});
+    post(500, {8, 11});
+    post(500, {1, 11});
     g_pMemberTh[0] = nullptr;
-    post(500, {8, 6});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 (10.1.2.3)Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 Daemon started on hostA\n");
+    post(500, {8, 11});
+    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Daemon started on localhost\n2026/12/01 00:00:00 \n"
+                                     "2026/12/01 00:00:00 Communication established\n"
+                                     "2026/12/01 00:00:00 (10.1.2.3)Communication established\n"
+                                     "2026/12/01 00:00:00 Communication established\n"
+                                     "2026/12/01 00:00:00 Communication established\n");
 }
 
-TEST_F(LogThTest, OperatorBroadcastsAndUnknownCodesIgnored)
+// A shell whose first "wall" fails, as when the text cannot be passed as
+// arguments; it notes what the spill file held at each call.
+struct FailingWall : RecordingShell {
+    explicit FailingWall(std::string path) : spill(std::move(path)) {}
+    int run(const std::string& command) override
+    {
+        spillAtCall.push_back(fs::exists(spill) ? readFile(spill) : "<none>");
+        setStatus(spillAtCall.size() == 1 ? 256 : 0);
+        return RecordingShell::run(command);
+    }
+    std::string spill;
+    std::vector<std::string> spillAtCall;
+};
+
+TEST_F(LogThTest, OperatorBroadcastsAndTheSpillFile)
 {
     RecordingShell shell;
     ScopedShell scoped(&shell);
@@ -150,30 +153,14 @@ TEST_F(LogThTest, OperatorBroadcastsAndUnknownCodesIgnored)
                                        "wall \\(10.9.9.9\\)Scheduled shutdown cancelled",
                                    }));
     EXPECT_FALSE(fs::exists(dir + "/log")); // no event-log entry either
-}
 
-// A shell whose first "wall" fails, as when the text cannot be passed as
-// arguments; it notes what the spill file held at each call.
-struct FailingWall : RecordingShell {
-    explicit FailingWall(std::string path) : spill(std::move(path)) {}
-    int run(const std::string& command) override
-    {
-        spillAtCall.push_back(fs::exists(spill) ? readFile(spill) : "<none>");
-        setStatus(spillAtCall.size() == 1 ? 256 : 0);
-        return RecordingShell::run(command);
-    }
-    std::string spill;
-    std::vector<std::string> spillAtCall;
-};
-
-TEST_F(LogThTest, SpillFileExistsOnlyWhileTheSecondWallRuns)
-{
+    // When "wall" fails, the spill file exists only while the second "wall" runs.
     const std::string spill = dir + "/SndMsgStr.tmp";
-    FailingWall shell(spill);
-    ScopedShell scoped(&shell);
+    FailingWall failing(spill);
+    ScopedShell spilling(&failing);
     log.MsgDisp("power failure; shut down now");
-    EXPECT_EQ(shell.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
-    EXPECT_EQ(shell.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
+    EXPECT_EQ(failing.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
+    EXPECT_EQ(failing.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
     EXPECT_FALSE(fs::exists(spill));
 }
 

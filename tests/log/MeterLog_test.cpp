@@ -1,6 +1,5 @@
-// Tests of the daily meter log: file per local day, line layout, event
-// texts with their placeholders, the no-data line, and the deletion of
-// expired files. Runs in a private temporary directory, in UTC.
+// Tests of the daily meter log: lines, the no-data line and the deletion of
+// expired files, in a private temporary directory, in UTC.
 #include "log/MeterLog.h"
 
 #include <gtest/gtest.h>
