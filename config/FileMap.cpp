@@ -1,11 +1,18 @@
 // FileMap: key=value configuration store backed by one text file.
 #include "config/FileMap.h"
 
+#include "config/FileSystem.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -20,39 +27,46 @@ const unsigned char kCipherX = 0x3B;
 const int kCipherLen = 50;
 const size_t kCipherTextMax = 49;
 
-// Reads the whole file as lines split at line feeds (the feed itself is
-// not part of a line; a carriage return before it stays). Returns false
-// when the file cannot be opened for reading.
-bool readLines(const std::string& path, std::vector<std::string>* lines)
+// One line on standard error and in the system log.
+void report(const std::string& text)
 {
-    std::ifstream in(path.c_str(), std::ios::in | std::ios::binary);
-    if (!in.is_open()) {
-        return false;
-    }
-    std::string line;
-    while (std::getline(in, line)) {
-        lines->push_back(line);
-    }
-    return true;
+    std::fprintf(stderr, "kestrava: %s\n", text.c_str());
+    syslog(LOG_DAEMON | LOG_ERR, "%s", text.c_str());
 }
+
+// The text with every control character shown as '?', fit for a log line.
+std::string printable(const std::string& text)
+{
+    std::string out = text.substr(0, 64);
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            c = '?';
+    return out;
+}
+
+bool breaksLine(const std::string& text) { return text.find_first_of(std::string("\r\n\0", 3)) != std::string::npos; }
+
+// Numbers the temporary files of one process, so that two saves never
+// pick the same name.
+std::atomic<unsigned> gTempCount{0};
 
 } // namespace
 
 FileMap::FileMap()
-    : mLoaded(0)
+    : mLoaded(0), mFs(&FileSystem::system())
 {
     pthread_mutex_init(&mLock, nullptr);
 }
 
 FileMap::FileMap(std::string path)
-    : mFileName(std::move(path)), mLoaded(1)
+    : mFileName(std::move(path)), mLoaded(1), mFs(&FileSystem::system())
 {
     pthread_mutex_init(&mLock, nullptr);
     load();
 }
 
 FileMap::FileMap(std::string path, std::string lang)
-    : mFileName(path + "." + lang), mLoaded(1)
+    : mFileName(path + "." + lang), mLoaded(1), mFs(&FileSystem::system())
 {
     pthread_mutex_init(&mLock, nullptr);
     if (load() == 0) {
@@ -63,7 +77,7 @@ FileMap::FileMap(std::string path, std::string lang)
 }
 
 FileMap::FileMap(std::string path, bool localised)
-    : mFileName(path), mLoaded(1)
+    : mFileName(path), mLoaded(1), mFs(&FileSystem::system())
 {
     pthread_mutex_init(&mLock, nullptr);
     if (localised) {
@@ -90,7 +104,8 @@ int FileMap::load()
     FMAPUnLock();
 
     std::vector<std::string> lines;
-    if (!readLines(mFileName, &lines)) {
+    struct stat st;
+    if (!readLines(&lines, &st)) {
         mLoaded = 0;
         return 0;
     }
@@ -119,7 +134,8 @@ int FileMap::save()
     FMAPLock();
 
     std::vector<std::string> lines;
-    if (!readLines(mFileName, &lines)) {
+    struct stat original;
+    if (!readLines(&lines, &original)) {
         FMAPUnLock();
         return 0;
     }
@@ -152,7 +168,8 @@ int FileMap::save()
 
         // The lock is already held here and is not recursive.
         std::string current = SavegetConf(key);
-        if (current == oldValue) {
+        // Only an enciphered value can hold a line break; it stays in memory.
+        if (current == oldValue || breaksLine(current)) {
             text += line;
         } else {
             text.append(line, 0, eq + 1);
@@ -168,15 +185,128 @@ int FileMap::save()
         text += '\n';
     }
 
-    std::ofstream out(mFileName.c_str(),
-                      std::ios::out | std::ios::binary | std::ios::trunc);
-    if (!out.is_open()) {
-        FMAPUnLock();
+    int result = replaceFile(text, original);
+    FMAPUnLock();
+    return result;
+}
+
+void FileMap::setFileSystem(FileSystem* fs) { mFs = fs ? fs : &FileSystem::system(); }
+
+// Reads the whole file as lines split at line feeds (the feed itself is
+// not part of a line; a carriage return before it stays), and the file's
+// status. False when the file cannot be opened or read.
+bool FileMap::readLines(std::vector<std::string>* lines, struct stat* st)
+{
+    int fd = mFs->open(mFileName.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    std::string text;
+    char buf[8192];
+    bool ok = mFs->fstat(fd, st) == 0;
+    while (ok) {
+        ssize_t n = mFs->read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        text.append(buf, static_cast<size_t>(n));
+    }
+    mFs->close(fd);
+    if (!ok)
+        return false;
+    std::string::size_type from = 0;
+    while (from < text.size()) {
+        std::string::size_type end = text.find('\n', from);
+        if (end == std::string::npos)
+            end = text.size();
+        lines->push_back(text.substr(from, end - from));
+        from = end + 1;
+    }
+    return true;
+}
+
+// Writes the text into a new file beside the old one, with the old one's
+// mode and owner, flushes it to disk and renames it over the old one, so
+// that a crash or a full disk leaves either the old or the new file, never
+// a half-written one. On failure the temporary file is removed.
+int FileMap::replaceFile(const std::string& text, const struct stat& original)
+{
+    // A link is followed: the file it names is replaced, the link kept.
+    std::string target = mFileName;
+    char resolved[PATH_MAX];
+    if (realpath(mFileName.c_str(), resolved) != nullptr)
+        target = resolved;
+    std::string::size_type slash = target.rfind('/');
+    std::string dir = slash == std::string::npos ? std::string(".") : target.substr(0, slash == 0 ? 1 : slash);
+
+    std::string temp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temp = target + ".tmp." + std::to_string(getpid()) + "." + std::to_string(gTempCount++);
+        fd = mFs->open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0 && errno != EEXIST)
+            break;
+    }
+    const char* step = "creating a temporary file";
+    bool ok = fd >= 0;
+    size_t done = 0;
+    if (ok)
+        step = "write";
+    while (ok && done < text.size()) {
+        ssize_t n = mFs->write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            if (n == 0)
+                errno = EIO;
+            ok = false;
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (ok) {
+        step = "fchown";
+        ok = mFs->fchown(fd, original.st_uid, original.st_gid) == 0;
+    }
+    if (ok) {
+        step = "fchmod";
+        ok = mFs->fchmod(fd, original.st_mode & 07777) == 0;
+    }
+    if (ok) {
+        step = "fsync";
+        ok = mFs->fsync(fd) == 0;
+    }
+    if (fd >= 0) {
+        int err = errno;
+        if (mFs->close(fd) != 0 && ok) {
+            step = "close";
+            ok = false;
+            err = errno;
+        }
+        errno = err;
+    }
+    if (ok) {
+        step = "rename";
+        ok = mFs->rename(temp.c_str(), target.c_str()) == 0;
+    }
+    if (!ok) {
+        int err = errno;
+        if (fd >= 0)
+            mFs->unlink(temp.c_str());
+        report("cannot save " + mFileName + ": " + step + " failed: " + std::strerror(err) +
+               "; the file is left as it was");
         return 0;
     }
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.close();
-    FMAPUnLock();
+
+    // The rename is durable only once the directory is on disk too. The file
+    // already holds the new values when this fails, so the save counts.
+    int dfd = mFs->open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    if (dfd < 0 || mFs->fsync(dfd) != 0)
+        report("saved " + mFileName + " but could not flush its directory: " + std::strerror(errno));
+    if (dfd >= 0)
+        mFs->close(dfd);
     return 1;
 }
 
@@ -193,21 +323,29 @@ std::string FileMap::SavegetConf(std::string key)
     return mEntries[key];
 }
 
-void FileMap::setConf(std::string key, std::string value)
+int FileMap::setConf(std::string key, std::string value)
 {
     if (key == "\n" || value == "\n") {
-        return;
+        return 0;
+    }
+    // A line break stored here would become lines of their own (new keys)
+    // at the next save.
+    if (breaksLine(key) || breaksLine(value)) {
+        report("refused to set \"" + printable(key) + "\" in " + mFileName +
+               ": the key or value holds a line break or NUL");
+        return 0;
     }
     FMAPLock();
     mEntries[key] = value;
     FMAPUnLock();
+    return 1;
 }
 
-void FileMap::setConfNum(std::string key, int value)
+int FileMap::setConfNum(std::string key, int value)
 {
     char buf[16];
     std::snprintf(buf, sizeof(buf), "%d", value);
-    setConf(key, buf);
+    return setConf(key, buf);
 }
 
 void FileMap::setConfEnc(std::string key, std::string value)

@@ -18,7 +18,7 @@ const int kForkAttempts = 5;
 
 int read_pid(const char* path)
 {
-    FILE* f = fopen(path, "r");
+    FILE* f = fopen(path, "re");
     if (!f)
         return 0;
     int pid = 0;
@@ -66,7 +66,7 @@ void BecomeDaemon()
 
     // Parent: record the daemon's pid and leave.
     unlink(pidFile);
-    int fd = open(pidFile, O_WRONLY | O_CREAT | O_EXCL, 0644);
+    int fd = open(pidFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
         perror("open");
         exit(0);
@@ -87,7 +87,7 @@ int ttysLock(const char* name)
 {
     std::string path = SystemPaths::lockFile(name);
 
-    int fd = open(path.c_str(), O_RDONLY);
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
         char buf[128];
         ssize_t n = read(fd, buf, 127);
@@ -111,7 +111,7 @@ int ttysLock(const char* name)
         }
     }
 
-    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0) {
         fprintf(stderr, "You cannot use device.\nCheck other device.%s", path.c_str());
         exit(-1);

@@ -9,10 +9,14 @@
 class ShellRunner {
 public:
     virtual ~ShellRunner() {}
-    // Runs the command through the shell and waits; returns the system() status.
+    // Runs the command through "/bin/sh -c" and waits; returns the wait
+    // status as system() would, or -1 when the shell cannot be started.
+    // Commands start with no signal blocked or ignored and with no
+    // descriptor of the daemon but 0, 1 and 2.
     virtual int run(const std::string& command) = 0;
     // Starts the command through the shell without waiting for it; the
-    // finished command is reaped by the system, never left a zombie.
+    // finished command is reaped by a thread of its own, never left a
+    // zombie, and the caller never waits for it.
     // Returns the pid of the started shell, or -1.
     virtual pid_t launchDetached(const std::string& command) = 0;
 

@@ -1,5 +1,6 @@
 #include "log/LogTh.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/Clock.h"
+#include "core/FatalStop.h"
 #include "core/ShellRunner.h"
 #include "ipc/IpcCTrlMTh.h"
 #include "operator/CreateMultiControllerFile.h"
@@ -70,11 +72,25 @@ std::string displayHostName(T* thread, const std::string& configured)
         return configured;
 }
 
+// Set while log files cannot be written: the failure is reported once, and
+// again only after a line was written in between.
+std::atomic<bool> gWriteFailing{false};
+
+void reportWriteFailure(const std::string& path, int err)
+{
+    if (gWriteFailing.exchange(true))
+        return;
+    fprintf(stderr, "kestrava: cannot write the log file %s: %s; log lines are lost until it works again\n",
+            path.c_str(), strerror(err));
+    syslog(LOG_DAEMON | LOG_ERR, "cannot write the log file %s: %s; log lines are lost until it works again",
+           path.c_str(), strerror(err));
+}
+
 } // namespace
 
 LogTh::LogTh(int number, StCTrl* ctrl, const Wiring& wiring, Clock* clock)
     : tthread(number), mCtrl(ctrl), mWiring(wiring), mClock(clock), mVariant(0), mMapPresent(0),
-      mHostNameSource(&::gethostname), mMeter(ctrl, wiring.config, wiring.ups)
+      mHostNameSource(&::gethostname), mMeter(ctrl, wiring.config, wiring.ups), mStopped(false)
 {
     if (!mWiring.messages)
         mWiring.messages = &mNoMessages;
@@ -107,6 +123,10 @@ std::string LogTh::logDirectory() { return conf("Path") + "/log" + "/"; }
 
 void LogTh::writeLog(EVENTMSGINFO* ev)
 {
+    // After a fatal stop the events are still taken, so that the queue
+    // keeps moving while the daemon ends, but nothing is done with them.
+    if (mStopped)
+        return;
     switch (ev->code) {
     case EvPowerFailReport:
         ReportCountdown(ev->params[0], ev->params[1]);
@@ -147,11 +167,23 @@ void LogTh::writeLog(EVENTMSGINFO* ev)
 
 int LogTh::write(std::string* path, std::string* line)
 {
-    FILE* f = fopen(path->c_str(), "a");
-    if (!f)
+    FILE* f = fopen(path->c_str(), "ae");
+    if (!f) {
+        reportWriteFailure(*path, errno);
         return 0;
-    fprintf(f, "%s\n", line->c_str());
-    fclose(f);
+    }
+    // A full disk shows at the flush, so the close counts as much as the write.
+    bool written = fprintf(f, "%s\n", line->c_str()) >= 0;
+    int err = errno;
+    if (fclose(f) != 0 && written) {
+        written = false;
+        err = errno;
+    }
+    if (!written) {
+        reportWriteFailure(*path, err);
+        return 0;
+    }
+    gWriteFailing = false;
     return 1;
 }
 
@@ -349,9 +381,12 @@ void LogTh::ReloadAlertFile(int mode)
         *mWiring.messages = nullptr;
         if (mMapPresent)
             delete old;
+        mMapPresent = 0;
+        mStopped = true;
         fprintf(stderr, "kestrava: cannot read the message file %s; stopping\n", path.c_str());
         syslog(LOG_DAEMON | LOG_ERR, "cannot read the message file %s; stopping", path.c_str());
-        exit(1);
+        FatalStop::request(1, "the message file cannot be read");
+        return;
     }
     // The new map is complete before it replaces the old one, so readers
     // never see a half-loaded map.

@@ -49,14 +49,16 @@ public:
     void writeLog(EVENTMSGINFO* ev);
 
     // Appends the line and a line feed to the file (created if missing).
-    // 1 on success, 0 when the file cannot be opened.
+    // 1 on success; 0 when the file cannot be opened or written, reported
+    // once until a later write succeeds.
     static int write(std::string* path, std::string* line);
 
     // Broadcasts the text to all terminals.
     void MsgDisp(const char* text);
 
     // Selects the message file: "alert3so.rc" for mode 3, "alert.rc" for
-    // any other mode; a missing file ends the process with status 1.
+    // any other mode. A missing file asks the main thread to end the daemon
+    // with status 1 (FatalStop); from then on no event is handled.
     void ReloadAlertFile(int mode);
 
     // The controller's name for shell messages: "" on the controller,
@@ -76,6 +78,9 @@ public:
     // The message-file variant in use: 0 none switched yet, 1 "alert.rc",
     // 3 "alert3so.rc".
     int currentVariant() const { return mVariant; }
+
+    // True once a fatal stop was requested by this thread.
+    bool stopped() const { return mStopped; }
 
     // Value of "Path" + "/log" + "/": the directory of both logs.
     std::string logDirectory();
@@ -105,4 +110,5 @@ private:
     HostNameSource mHostNameSource;
     MeterLog mMeter;
     std::string mLogDirProblem; // last problem reported about the log directory
+    bool mStopped;              // the daemon is ending: events are taken but not handled
 };

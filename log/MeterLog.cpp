@@ -5,6 +5,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <string>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "config/FileMap.h"
@@ -92,6 +93,16 @@ int MeterLog::writeLine(const EVENTMSGINFO* ev, const std::string& dir, time_t n
 
 int MeterLog::deleteExpired(const std::string& dir, time_t now)
 {
+    // Files are deleted by their names alone: with no "Path", or a relative
+    // one, the sweep could empty a directory nobody meant.
+    std::string path = conf("Path");
+    if (path.empty() || path[0] != '/' || dir.empty() || dir[0] != '/') {
+        std::string why = "old meter logs are not deleted: the configuration key \"Path\" (\"" + path +
+                          "\") is not an absolute directory";
+        fprintf(stderr, "kestrava: %s\n", why.c_str());
+        syslog(LOG_DAEMON | LOG_ERR, "%s", why.c_str());
+        return 0;
+    }
     struct dirent** list = nullptr;
     int n = scandir(dir.c_str(), &list, nullptr, alphasort);
     if (n < 0)

@@ -49,7 +49,8 @@ public:
     int writeLine(const EVENTMSGINFO* ev, const std::string& dir, time_t now);
 
     // Event 502: deletes the meter files in `dir` dated before now minus
-    // "DumpLogDays" days. Returns the number of files deleted.
+    // "DumpLogDays" days. Returns the number of files deleted; refuses, with
+    // a log line, while "Path" is empty or relative.
     int deleteExpired(const std::string& dir, time_t now);
 
     // The body of a line for the record (event text or measurement); false

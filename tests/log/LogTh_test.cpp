@@ -1,12 +1,10 @@
-// Tests of the log thread: event-log files and lines, placeholders, origin
-// suffix, operator broadcasts through a fake shell, the "wall" spill file,
-// the message-file switch and the log directory. Everything happens in a
-// private temporary directory with a manual clock in UTC.
+// Tests of the log thread: event-log lines, operator broadcasts through a
+// fake shell, the message-file switch and write failures, in a private
+// temporary directory with a manual clock in UTC.
 #include "log/LogTh.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -18,10 +16,10 @@
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
+#include "core/FatalStop.h"
 #include "core/ShellRunner.h"
 #include "daemon/Globals.h"
 #include "ipc/IpcCTrlMTh.h"
-#include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
@@ -33,11 +31,7 @@ namespace {
 
 int fakeHost(char* name, size_t length) { return snprintf(name, length, "hostA") < 0; }
 
-int brokenHost(char*, size_t)
-{
-    errno = EFAULT;
-    return -1;
-}
+int brokenHost(char*, size_t) { return -1; }
 
 class LogThTest : public ::testing::Test {
 protected:
@@ -87,57 +81,55 @@ protected:
     LogTh log{5, &ctrl, LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh}, &clock};
 };
 
-TEST_F(LogThTest, MonthlyFileFollowsTheLocalMonthToTheSecond)
+TEST_F(LogThTest, EventLogFilesPlaceholdersAndOrigin)
 {
     clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
-    post(EvLog, {1, 6});
-    clock.advance(1);
-    post(EvLog, {1, 11});
-    // The "log" directory did not exist: the first entry created it.
-    EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 Daemon started on hostA\n");
-    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Communication established\n");
-}
-
-TEST_F(LogThTest, PlaceholdersAreReplacedAtTheirFirstOccurrenceOnly)
-{
-    clock.set(ManualClock::utc(2026, 11, 14, 8, 5, 3));
     // Message 0 with its value 5: the value stands for "$MINUTES" and is
     // not written again as message "5"; the next item is a message again.
     post(EvLog, {1, 0, 5, 5});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
-                                     "2026/11/14 08:05:03 five\n");
-
     // A host name that cannot be read is "localhost"; a record with a count
     // of 1 or less writes nothing; a missing message number gives an empty text.
-    fs::remove(dir + "/log/202611.log");
+    clock.advance(1);
     log.setHostNameSource(&brokenHost);
     post(EvLog, {1});
     post(EvLog, {1, 6});
     post(EvLog, {1, 999});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:05:03 Daemon started on localhost\n"
-                                     "2026/11/14 08:05:03 \n");
-}
+    // The "log" directory did not exist: the first entry created it.
+    EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
+                                     "2026/11/30 23:59:59 five\n");
 
-TEST_F(LogThTest, OriginSuffixOnlyOnAMemberForAFollowedController)
-{
-    clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
+    // Origin: only a member names the controller it follows (by address),
+    // not for its own entries (index 1) nor for a slot without a thread.
     IpcCTrlMTh member(8);
     g_pMemberTh[0] = &member;
-    post(EvLog, {8, 6}); // a controller names no origin, even for index 8
-    // A member names the controller it follows (by address); not for its
-    // own entries (index 1) and not for a slot without a thread.
+    post(EvLog, {8, 11});
     config.setConf("UPSController", "2");
-    post(EvLog, {8, 6});
-    post(EvLog, {1, 6});
+    post(EvLog, {8, 11});
+    post(EvLog, {1, 11});
     g_pMemberTh[0] = nullptr;
-    post(EvLog, {8, 6});
-    EXPECT_EQ(logFile("202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 (10.1.2.3)Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 Daemon started on hostA\n"
-                                     "2026/11/14 08:00:00 Daemon started on hostA\n");
+    post(EvLog, {8, 11});
+    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Daemon started on localhost\n2026/12/01 00:00:00 \n"
+                                     "2026/12/01 00:00:00 Communication established\n"
+                                     "2026/12/01 00:00:00 (10.1.2.3)Communication established\n"
+                                     "2026/12/01 00:00:00 Communication established\n"
+                                     "2026/12/01 00:00:00 Communication established\n");
 }
 
-TEST_F(LogThTest, OperatorBroadcastsAndUnknownCodesIgnored)
+// A shell whose first "wall" fails, as when the text cannot be passed as
+// arguments; it notes what the spill file held at each call.
+struct FailingWall : RecordingShell {
+    explicit FailingWall(std::string path) : spill(std::move(path)) {}
+    int run(const std::string& command) override
+    {
+        spillAtCall.push_back(fs::exists(spill) ? readFile(spill) : "<none>");
+        setStatus(spillAtCall.size() == 1 ? 256 : 0);
+        return RecordingShell::run(command);
+    }
+    std::string spill;
+    std::vector<std::string> spillAtCall;
+};
+
+TEST_F(LogThTest, OperatorBroadcastsAndTheSpillFile)
 {
     RecordingShell shell;
     ScopedShell scoped(&shell);
@@ -162,42 +154,18 @@ TEST_F(LogThTest, OperatorBroadcastsAndUnknownCodesIgnored)
                                        "wall \\(10.9.9.9\\)Scheduled shutdown cancelled",
                                    }));
     EXPECT_FALSE(fs::exists(dir + "/log")); // no event-log entry either
-}
 
-// A shell whose first "wall" fails, as when the text cannot be passed as
-// arguments; it notes what the spill file held at each call.
-struct FailingWall : RecordingShell {
-    explicit FailingWall(std::string path) : spill(std::move(path)) {}
-    int run(const std::string& command) override
-    {
-        spillAtCall.push_back(fs::exists(spill) ? readFile(spill) : "<none>");
-        setStatus(spillAtCall.size() == 1 ? 256 : 0);
-        return RecordingShell::run(command);
-    }
-    std::string spill;
-    std::vector<std::string> spillAtCall;
-};
-
-TEST_F(LogThTest, SpillFileExistsOnlyWhileTheSecondWallRuns)
-{
+    // When "wall" fails, the spill file exists only while the second "wall" runs.
     const std::string spill = dir + "/SndMsgStr.tmp";
-    FailingWall shell(spill);
-    ScopedShell scoped(&shell);
+    FailingWall failing(spill);
+    ScopedShell spilling(&failing);
     log.MsgDisp("power failure; shut down now");
-    EXPECT_EQ(shell.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
-    EXPECT_EQ(shell.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
-    EXPECT_FALSE(fs::exists(spill));
-
-    // A spill file left over from before is replaced, not appended to.
-    writeFile(spill, "stale text\n");
-    FailingWall again(spill);
-    ScopedShell scopedAgain(&again);
-    log.MsgDisp("second");
-    EXPECT_EQ(again.spillAtCall.at(1), "second\n");
+    EXPECT_EQ(failing.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
+    EXPECT_EQ(failing.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
     EXPECT_FALSE(fs::exists(spill));
 }
 
-TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
+TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnceAndAMissingFileStops)
 {
     writeFile(dir + "/alert3so.rc", "2=three so\n");
     post(EvMessageFile, {3});
@@ -217,17 +185,23 @@ TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnce)
     FileMap* second = gpMapMessage;
     log.ReloadAlertFile(0);
     EXPECT_EQ(gpMapMessage, second);
+
+    // A missing file asks the main thread to end the daemon; the thread
+    // then takes its events without touching the maps or the logs.
+    fs::remove(dir + "/alert3so.rc");
+    testing::internal::CaptureStderr();
+    post(EvMessageFile, {3});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
+    EXPECT_TRUE(FatalStop::requested());
+    EXPECT_EQ(FatalStop::status(), 1);
+    FatalStop::resetForTests();
+    EXPECT_EQ(gpMapMessage, nullptr);
+    post(EvLog, {1, 6});
+    EXPECT_FALSE(fs::exists(dir + "/log"));
 }
 
-TEST_F(LogThTest, MissingMessageFileEndsTheProcessWithStatus1)
-{
-    // alert3so.rc does not exist. Run in a child: the switch ends the process.
-    ChildRun r = runChild(dir, [&] { log.ReloadAlertFile(3); });
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
-}
-
-TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
+TEST_F(LogThTest, WriteFailuresAreReportedOnceUntilAWriteSucceeds)
 {
     clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
     config.setConf("Path", dir + "/missing/deeper");
@@ -235,13 +209,19 @@ TEST_F(LogThTest, UnusableLogDirectoryIsReportedOnceAndLosesTheLine)
     post(EvLog, {1, 6});
     post(EvLog, {1, 6});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n");
-    EXPECT_FALSE(fs::exists(dir + "/missing"));
+              "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n"
+              "kestrava: cannot write the log file " + dir + "/missing/deeper/log/202611.log: No such file or "
+              "directory; log lines are lost until it works again\n");
 
-    // Once the directory can be made, entries are written again.
-    fs::create_directories(dir + "/missing/deeper");
-    post(EvLog, {1, 6});
-    EXPECT_EQ(readFile(dir + "/missing/deeper/log/202611.log"), "2026/11/14 08:00:00 Daemon started on hostA\n");
+    // A full disk fails at the flush: reported once, and again only after
+    // a line was written in between.
+    std::string full = "/dev/full", good = dir + "/good.log", line = "x";
+    testing::internal::CaptureStderr();
+    for (std::string* path : {&good, &full, &full, &good, &full, &full})
+        EXPECT_EQ(LogTh::write(path, &line), path == &good ? 1 : 0);
+    const std::string once = "kestrava: cannot write the log file /dev/full: No space left on device; "
+                             "log lines are lost until it works again\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), once + once);
 }
 
 } // namespace

@@ -1,6 +1,5 @@
-// Tests of the daily meter log: file per local day, line layout, event
-// texts with their placeholders, the no-data line, and the deletion of
-// expired files. Runs in a private temporary directory, in UTC.
+// Tests of the daily meter log: lines, the no-data line and the deletion of
+// expired files, in a private temporary directory, in UTC.
 #include "log/MeterLog.h"
 
 #include <gtest/gtest.h>
@@ -66,40 +65,18 @@ protected:
     MeterLog meter{&ctrl, &gpMapConfig, &gUpsData};
 };
 
-TEST_F(MeterLogTest, EventTextsWithRateAndRetention)
+TEST_F(MeterLogTest, EventTextsMeasurementsAndTheNoDataLine)
 {
-    time_t t = ManualClock::utc(2026, 11, 14, 10, 20, 30);
-    for (int index : {11, 0, 12}) { // 12 is outside the table: nothing
+    time_t t = ManualClock::utc(2026, 11, 13, 23, 59, 59);
+    for (int index : {11, 12}) { // 12 is outside the table: nothing
         EVENTMSGINFO ev = meterEvent({index});
         EXPECT_EQ(meter.writeLine(&ev, logDir, t), index < 12 ? 1 : 0);
     }
-    EXPECT_EQ(readFile(logDir + "20261114.vlg"),
-              stamp("2026/11/14 10:20:30", t) + "\"Log rate set to 10 minutes, size 30 days\"\n"
-                  + stamp("2026/11/14 10:20:30", t) + "\"Log started\"\n");
-}
-
-TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
-{
+    // Communication lost, or no UPS data record: six "NoData" fields.
+    // Communication up: the meter summary, at midnight in the new day's file.
     UpsDataBlock ups;
     gUpsData = &ups;
-    // Identification: one firmware entry, rating byte, two single bytes, no
-    // unit name, a meter map with the six summary meters as 32-bit integers,
-    // no alarm map. Then their values in ascending meter number.
-    std::string map(79, '\0');
-    for (int m : {21, 27, 33, 56, 62, 78})
-        map[m] = '\xE2';
-    ups.setStandardIDBlock(std::string("\x01\x01\x02\x01\x00\x00\x00", 7) + static_cast<char>(map.size()) + map
-                           + std::string(1, '\0'));
-    std::string values;
-    for (int v : {5, 230, 48, 231, 50, 12})
-        values += std::string(1, static_cast<char>(v)) + std::string(3, '\0');
-    ups.setMeters(values);
-    time_t t = ManualClock::utc(2026, 11, 13, 23, 59, 59);
     EVENTMSGINFO ev = meterEvent({});
-
-    // Communication lost: six "NoData" fields whatever the UPS data holds.
-    // Communication up: the meter summary, and at midnight the new day's
-    // file. Without a UPS data record there is no data either.
     ctrl.Set_State_UPS(3);
     meter.writeLine(&ev, logDir, t);
     ctrl.Set_State_UPS(2);
@@ -107,14 +84,27 @@ TEST_F(MeterLogTest, MeasurementsAndTheNoDataLine)
     gUpsData = nullptr;
     meter.writeLine(&ev, logDir, t + 2);
     const std::string noData = "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"\n";
-    EXPECT_EQ(readFile(logDir + "20261113.vlg"), stamp("2026/11/13 23:59:59", t) + noData);
-    EXPECT_EQ(readFile(logDir + "20261114.vlg"),
-              stamp("2026/11/14 00:00:00", t + 1) + "\"231.0\",\"12.0\",\"48.0\",\"230.0\",\"5.0\",\"50.0\"\n"
-                  + stamp("2026/11/14 00:00:01", t + 2) + noData);
+    ASSERT_NE(ups.getMeterMessage() + "\n", noData);
+    EXPECT_EQ(readFile(logDir + "20261113.vlg"),
+              stamp("2026/11/13 23:59:59", t) + "\"Log rate set to 10 minutes, size 30 days\"\n" +
+                  stamp("2026/11/13 23:59:59", t) + noData);
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 00:00:00", t + 1) + ups.getMeterMessage() + "\n" +
+                                                     stamp("2026/11/14 00:00:01", t + 2) + noData);
 }
 
 TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
 {
+    // Through the log thread: meter and deletion events in the "Path" directory.
+    LogTh log(5, &ctrl, LogTh::Wiring{&gpMapConfig, nullptr, nullptr, &gUpsData}, &clock);
+    clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
+    writeFile(logDir + "20261001.vlg", "x\n");
+    for (int code : {EvMeterLog, EvLogDelete}) {
+        EVENTMSGINFO ev = eventRecord(5, code, {1});
+        log.writeLog(&ev);
+    }
+    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
+    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 06:00:00", clock.now()) + "\"Log stopped\"\n");
+
     for (const char* name : {"20261031.vlg", "20261106.vlg", "20261107.vlg", "20261114.vlg", "202611.log",
                              "202610.log", "notes.txt", "00000000.txt"})
         writeFile(logDir + name, "x\n");
@@ -133,22 +123,16 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
 
     // An unreadable directory deletes nothing.
     EXPECT_EQ(meter.deleteExpired(dir + "/nothing/", ManualClock::utc(2026, 11, 14, 0, 0, 0)), 0);
-}
 
-TEST_F(MeterLogTest, LogThreadWritesAndDeletesInThePathDirectory)
-{
-    LogTh log(5, &ctrl, LogTh::Wiring{&gpMapConfig, nullptr, nullptr, &gUpsData}, &clock);
-    clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
+    // Without an absolute "Path" nothing is deleted, wherever the sweep runs.
     writeFile(logDir + "20261001.vlg", "x\n");
-
-    EVENTMSGINFO ev = meterEvent({1});
-    log.writeLog(&ev);
-    ev = meterEvent({});
-    ev.code = EvLogDelete;
-    log.writeLog(&ev);
-
-    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
-    EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 06:00:00", clock.now()) + "\"Log stopped\"\n");
+    for (const char* path : {"", "relative/dir"}) {
+        config.setConf("Path", path);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(meter.deleteExpired(logDir, ManualClock::utc(2026, 11, 14, 0, 0, 0)), 0);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("old meter logs are not deleted"), std::string::npos);
+    }
+    EXPECT_TRUE(fs::exists(logDir + "20261001.vlg"));
 }
 
 } // namespace
