@@ -62,16 +62,14 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
     EXPECT_EQ(3052, back.port);
 
     DG2MessageType scratch{};
-    for (auto spoil : std::vector<void (*)(DG2Settings&)>{
-             [](DG2Settings& s) { s.runCommand = std::string(128, 'c'); },
-             [](DG2Settings& s) { s.shutdownDelay = -1; },
-             [](DG2Settings& s) { s.winkTime = 100000000; },
-             [](DG2Settings& s) { s.port = 65536; },
-             [](DG2Settings& s) { s.groupName = "a\nb"; }}) {
-        DG2Settings s = settings();
-        spoil(s);
+    DG2Settings bad[5] = {settings(), settings(), settings(), settings(), settings()};
+    bad[0].runCommand = std::string(128, 'c');
+    bad[1].shutdownDelay = -1;
+    bad[2].winkTime = 100000000;
+    bad[3].port = 65536;
+    bad[4].groupName = "a\nb";
+    for (const DG2Settings& s : bad)
         EXPECT_EQ(-1, DG2PackSettings(&scratch, s));
-    }
 
     // Malformed bodies from a peer.
     const std::pair<size_t, std::string> spoilt[] = {

@@ -51,14 +51,10 @@ std::vector<Expect> expectedSwaps()
         report.push_back(at);
     report.push_back(1320);
     report.push_back(1324);
-    return {{0, {}, {}},           {29, {50, 52}, {}},
-            {30, {50, 52}, {}},    {31, {50}, {}},
-            {35, {}, {}},          {81, {0}, {}},
-            {127, {0, 2, 4, 38}, {}}, {129, {}, {}},
-            {130, {}, {}},         {131, {0, 36, 38, 40, 42, 44, 46}, {}},
-            {140, {}, {}},         {141, {}, report},
-            {181, {0, 4, 8, 10, 12, 14, 16, 18, 20}, {}},
-            {229, {0, 6}, {}},     {230, {}, {}}};
+    return {{0, {}, {}},     {29, {50, 52}, {}}, {30, {50, 52}, {}},          {31, {50}, {}},
+            {35, {}, {}},    {81, {0}, {}},      {127, {0, 2, 4, 38}, {}},    {129, {}, {}},
+            {130, {}, {}},   {140, {}, {}},      {131, {0, 36, 38, 40, 42, 44, 46}, {}},
+            {141, {}, report}, {181, {0, 4, 8, 10, 12, 14, 16, 18, 20}, {}}, {229, {0, 6}, {}}, {230, {}, {}}};
 }
 
 DG2MessageType patterned(int msg)
@@ -89,24 +85,15 @@ TEST(DG2MessageTest, ForcedSwapTouchesExactlyTheListedFieldsAndRoundTrips)
         std::string after = image(m);
         for (size_t i = 0; i < after.size(); ++i)
             ASSERT_EQ(expected[i], after[i]) << "byte " << i;
+        if (e.msg == 141) {  // the four status bytes stay in sender order
+            EXPECT_EQ(before.substr(84 + 1316, 4), after.substr(84 + 1316, 4));
+        }
         ASSERT_TRUE(ByteOrderSwap(&m));
         EXPECT_EQ(before, image(m));
         // On this host the wire order is the host order when little-endian.
         EXPECT_TRUE(ByteOrderChg(&m));
         EXPECT_EQ(IsBigEnd() ? expected : before, image(m));
     }
-}
-
-TEST(DG2MessageTest, PowerReportLeavesItsFourStatusBytesInSenderOrder)
-{
-    DG2MessageType m = patterned(141);
-    std::string before = image(m);
-    ASSERT_TRUE(ByteOrderSwap(&m));
-    std::string after = image(m);
-    EXPECT_EQ(before.substr(84 + 1316, 4), after.substr(84 + 1316, 4));
-    EXPECT_EQ(before[84 + 1312], after[84 + 1315]);  // last meter value swapped
-    EXPECT_EQ(before[84 + 1320], after[84 + 1323]);
-    EXPECT_EQ(before.substr(84 + 1328), after.substr(84 + 1328));  // nothing past the body
 }
 
 TEST(DG2MessageTest, OnlyTheKnownMessageNumbersConvert)
