@@ -1,11 +1,16 @@
 #include "ipc/DG2Bodies.h"
 
+#include <algorithm>
 #include <cstdio>
+
+#include "xcp/UpsDataBlock.h"
 
 namespace {
 
 constexpr int kMaxTextNumber = 99999999;  // eight digits fill an 8-byte field
 constexpr int kMaxWord = 0xFFFF;
+constexpr int kAlarmBatteryLow = 56;
+static_assert(UpsDataBlock::kMeterCount == 256, "one report value per meter number");
 
 bool isControl(unsigned char c)
 {
@@ -230,6 +235,25 @@ bool powerReportOk(const DG2PowerReportBody& b)
            (b.utility == 2 || b.utility == 3);
 }
 } // namespace
+
+void DG2PowerReportFromUps(const UpsDataBlock& ups, int index, DG2PowerReportBody* out)
+{
+    DG2PowerReportBody r;
+    memset(&r, 0, sizeof r);
+    std::string map = ups.alarmMap(index);
+    std::string states = ups.alarmStates(index);
+    r.alarmMapLength = static_cast<uint8_t>(std::min(map.size(), sizeof r.alarmMap));
+    memcpy(r.alarmMap, map.data(), r.alarmMapLength);
+    memcpy(r.alarmStates, states.data(), std::min(states.size(), sizeof r.alarmStates));
+    r.battery = ups.isAlarmActive(kAlarmBatteryLow, index) ? 5 : 4;  // as the poll result reports it
+    r.utility = ups.isUtilityNotParent(index) ? 2 : 3;
+    for (int m = 0; m < UpsDataBlock::kMeterCount; ++m)
+        r.meters[m] = ups.meterValue(m, index);
+    r.upsCommLost = ups.commAlert() ? 1 : 0;
+    r.portAlert = ups.portAlert() ? 1 : 0;
+    r.alertTime = ups.getAlertDiffTime(index);
+    *out = r;
+}
 
 int DG2PackPowerReport(DG2MessageType* msg, const DG2PowerReportBody& in)
 {

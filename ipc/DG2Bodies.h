@@ -15,6 +15,8 @@
 #include "control/Records.h"
 #include "ipc/DG2Message.h"
 
+class UpsDataBlock;
+
 // ---- message 0: settings (controller -> member; the member's reply uses the
 // same layout, with its own host name and its slot's settings) ----
 struct DG2SettingsBody {
@@ -230,6 +232,11 @@ bool DG2UnpackAppEnd(const DG2MessageType& msg, DG2AppEnd* out);
 int DG2PackAccessCode(DG2MessageType* msg, const std::string& code);
 bool DG2UnpackAccessCode(const DG2MessageType& msg, std::string* code);
 
+// The alarm, meter, power and alert values of a UPS index, as a controller
+// reports its own UPS (index 0). Alarm maps longer than the body's 32 bytes
+// describe alarms above 255, which have no codes: they are cut. The
+// restarted flag, the output flag and the report time are the caller's.
+void DG2PowerReportFromUps(const UpsDataBlock& ups, int index, DG2PowerReportBody* out);
 int DG2PackPowerReport(DG2MessageType* msg, const DG2PowerReportBody& in);
 bool DG2UnpackPowerReport(const DG2MessageType& msg, DG2PowerReportBody* out);
 

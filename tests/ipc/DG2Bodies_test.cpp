@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ipc/DG2Bodies.h"
+#include "xcp/UpsDataBlock.h"
 #include "tests/fakes/DG2Builder.h"
 
 namespace {
@@ -154,6 +155,31 @@ TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
         DG2PutBody(&m, bad);
         EXPECT_FALSE(DG2UnpackPowerReport(m, &back));
     }
+}
+
+TEST(DG2BodiesTest, PowerReportFromTheUpsDataOfOneIndex)
+{
+    UpsDataBlock ups;
+    std::string map(40, '\0');  // longer than the body's map: cut to 32 bytes
+    map[0] = 0x01;              // alarm 0
+    map[7] = 0x01;              // alarm 56, battery
+    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(map.data()), 40, 2);
+    const unsigned char states[] = {0, 1};
+    ups.setActionLevel(states, 2, 2);
+    ups.checkAlarm(2);
+    int32_t meters[256] = {};
+    meters[255] = 12345;
+    ups.setMeterValues(meters, 256, 2);
+    DG2PowerReportBody r;
+    DG2PowerReportFromUps(ups, 2, &r);
+    EXPECT_EQ(32, r.alarmMapLength);
+    EXPECT_EQ(0x01, r.alarmMap[7]);
+    EXPECT_EQ(1, r.alarmStates[1]);
+    EXPECT_EQ(5, r.battery);
+    EXPECT_EQ(2, r.utility);  // alarms 57 and 59 not supported: on utility
+    EXPECT_EQ(12345, r.meters[255]);
+    EXPECT_NE(0, r.alertTime);  // the battery alarm's activation time
+    EXPECT_EQ(ups.getAlertDiffTime(2), r.alertTime);
 }
 
 TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
