@@ -1,0 +1,221 @@
+// The body helpers: values land at their wire positions, come back whole,
+// and everything that does not fit or is malformed is refused.
+#include <gtest/gtest.h>
+
+#include "ipc/DG2Bodies.h"
+#include "xcp/UpsDataBlock.h"
+#include "tests/fakes/DG2Builder.h"
+
+namespace {
+
+std::string pad32(const std::string& text)
+{
+    return text + std::string(32 - text.size(), '\0');
+}
+
+// Body bytes as a peer receives them.
+std::string wireBody(const DG2Builder& b)
+{
+    return b.wire().substr(DG2::kHeaderSize);
+}
+
+// Back from the wire as the receiver's transport hands it on.
+DG2MessageType received(const DG2Builder& b)
+{
+    DG2MessageType m{};
+    std::string w = b.wire();
+    memcpy(&m, w.data(), w.size());
+    ByteOrderChg(&m);
+    return m;
+}
+
+DG2Settings settings()
+{
+    DG2Settings s;
+    s.hostName = std::string(100, 'h');  // fills the field: no NUL on the wire
+    s.groupName = "group-1";
+    s.port = 3052;
+    s.shutdownDelay = 120;
+    s.countdownTime = 5;
+    s.winkTime = 99999999;
+    s.appEndTime = 0;
+    s.runCommand = std::string(127, 'c');
+    s.alertMode = 2;
+    return s;
+}
+
+TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
+{
+    DG2Builder b(DG2::MsgSettings);
+    b.pack([](DG2MessageType* m) { return DG2PackSettings(m, settings()); });
+    std::string body = wireBody(b);
+    ASSERT_EQ(497u, body.size());
+    EXPECT_EQ(std::string(100, 'h') + "group-1", body.substr(0, 107));
+    EXPECT_EQ(std::string("3052\0\0", 6) + std::string("120\0\0\0\0\0", 8), body.substr(132, 14));
+    EXPECT_EQ("99999999", body.substr(154, 8));
+    EXPECT_EQ('\0', body[297]);  // the command keeps its NUL
+    EXPECT_EQ(2, body[298]);
+    DG2Settings back;
+    ASSERT_TRUE(DG2UnpackSettings(received(b), &back));
+    EXPECT_EQ(settings().hostName, back.hostName);
+    EXPECT_EQ(settings().runCommand, back.runCommand);
+    EXPECT_EQ(99999999, back.winkTime);
+    EXPECT_EQ(3052, back.port);
+
+    DG2MessageType scratch{};
+    DG2Settings bad[5] = {settings(), settings(), settings(), settings(), settings()};
+    bad[0].runCommand = std::string(128, 'c');
+    bad[1].shutdownDelay = -1;
+    bad[2].winkTime = 100000000;
+    bad[3].port = 65536;
+    bad[4].groupName = "a\nb";
+    for (const DG2Settings& s : bad)
+        EXPECT_EQ(-1, DG2PackSettings(&scratch, s));
+
+    // Malformed bodies from a peer.
+    const std::pair<size_t, std::string> spoilt[] = {
+        {138, std::string("12a\0", 4)}, {138, std::string(8, '\0')}, {138, std::string(" 12\0", 4)},
+        {138, std::string("12\0x", 4)}, {100, "g\rroup"},             {170, std::string(128, 'c')}};
+    for (const auto& s : spoilt) {
+        DG2MessageType m = received(b);
+        memcpy(m.body + s.first, s.second.data(), s.second.size());
+        EXPECT_FALSE(DG2UnpackSettings(m, &back)) << s.first << " " << s.second;
+    }
+    DG2MessageType m = received(b);
+    m.bodyLen = 496;
+    EXPECT_FALSE(DG2UnpackSettings(m, &back));
+    m = received(b);
+    m.msgNo = DG2::MsgShutdownTiming;
+    EXPECT_FALSE(DG2UnpackSettings(m, &back));
+}
+
+TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
+{
+    DG2_ShutdownTimming t{};
+    t.winkTime = 0x0102;
+    t.shutdownTime = 7;
+    t.appTermTimeOut = 0x0A0B;
+    t.shutdownDelay = 65535;
+    strcpy(t.appTermCommand, "/usr/local/bin/stop-db");
+    t.marker = 9;
+    DG2Builder b(DG2::MsgShutdownTiming);
+    b.pack([&](DG2MessageType* m) { return DG2PackShutdownTiming(m, t); });
+    std::string body = wireBody(b);
+    ASSERT_EQ(152u, body.size());
+    EXPECT_EQ(std::string("\x02\x01\0\0\x07\0\0\0\x0B\x0A\xFF\xFF", 12), body.substr(0, 12));
+    EXPECT_EQ(std::string(10, '\0'), body.substr(12, 10));
+    EXPECT_EQ("/usr/local/bin/stop-db", body.substr(22, 22));
+    EXPECT_EQ(9, body[150]);
+    DG2_ShutdownTimming back;
+    ASSERT_TRUE(DG2UnpackShutdownTiming(received(b), &back));
+    EXPECT_EQ(0, memcmp(&t, &back, sizeof t));
+
+    t.winkTime = 65536;
+    DG2MessageType scratch{};
+    EXPECT_EQ(-1, DG2PackShutdownTiming(&scratch, t));
+    DG2MessageType m = received(b);
+    memset(m.body + 22, 'x', 128);  // a command without its NUL
+    EXPECT_FALSE(DG2UnpackShutdownTiming(m, &back));
+}
+
+TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
+{
+    DG2PowerReportBody r{};
+    r.alarmMapLength = 2;
+    r.battery = 5;
+    r.utility = 3;
+    r.alarmMap[0] = 0x81;
+    r.alarmStates[1] = 1;
+    r.meters[0] = 0x01020304;
+    r.meters[255] = -2;
+    r.restarted = 1;
+    r.upsCommLost = 1;
+    r.outputOn = 1;
+    r.alertTime = 0x11223344;
+    r.reportTime = 0x55667788;
+    DG2Builder b(DG2::MsgPowerReport);
+    b.pack([&](DG2MessageType* m) { return DG2PackPowerReport(m, r); });
+    std::string body = wireBody(b);
+    ASSERT_EQ(1328u, body.size());
+    EXPECT_EQ(std::string("\x02\x05\x03\0\x81", 5), body.substr(0, 5));
+    EXPECT_EQ(1, body[37]);
+    EXPECT_EQ(std::string("\x04\x03\x02\x01", 4), body.substr(292, 4));
+    EXPECT_EQ(std::string("\xFE\xFF\xFF\xFF\x01\x01\0\x01\x44\x33\x22\x11\x88\x77\x66\x55", 16), body.substr(1312));
+    DG2PowerReportBody back;
+    ASSERT_TRUE(DG2UnpackPowerReport(received(b), &back));
+    EXPECT_EQ(0, memcmp(&r, &back, sizeof r));
+
+    for (auto spoil : std::vector<void (*)(DG2PowerReportBody&)>{[](DG2PowerReportBody& x) { x.alarmMapLength = 33; },
+                                                                 [](DG2PowerReportBody& x) { x.battery = 0; },
+                                                                 [](DG2PowerReportBody& x) { x.utility = 4; }}) {
+        DG2PowerReportBody bad = r;
+        spoil(bad);
+        DG2MessageType m = received(b);
+        EXPECT_EQ(-1, DG2PackPowerReport(&m, bad));
+        DG2PutBody(&m, bad);
+        EXPECT_FALSE(DG2UnpackPowerReport(m, &back));
+    }
+}
+
+TEST(DG2BodiesTest, PowerReportFromTheUpsDataOfOneIndex)
+{
+    UpsDataBlock ups;
+    std::string map(40, '\0');  // longer than the body's map: cut to 32 bytes
+    map[0] = 0x01;              // alarm 0
+    map[7] = 0x01;              // alarm 56, battery
+    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(map.data()), 40, 2);
+    const unsigned char states[] = {0, 1};
+    ups.setActionLevel(states, 2, 2);
+    ups.checkAlarm(2);
+    int32_t meters[256] = {};
+    meters[255] = 12345;
+    ups.setMeterValues(meters, 256, 2);
+    DG2PowerReportBody r;
+    DG2PowerReportFromUps(ups, 2, &r);
+    EXPECT_EQ(32, r.alarmMapLength);
+    EXPECT_EQ(0x01, r.alarmMap[7]);
+    EXPECT_EQ(1, r.alarmStates[1]);
+    EXPECT_EQ(5, r.battery);
+    EXPECT_EQ(2, r.utility);  // alarms 57 and 59 not supported: on utility
+    EXPECT_EQ(12345, r.meters[255]);
+    EXPECT_NE(0, r.alertTime);  // the battery alarm's activation time
+    EXPECT_EQ(ups.getAlertDiffTime(2), r.alertTime);
+}
+
+TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
+{
+    DG2Builder reg(DG2::MsgRegister);
+    reg.pack([](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, {"id0001", "192.0.2.7", 3069}); });
+    EXPECT_EQ(pad32("id0001") + pad32("192.0.2.7") + std::string("3069\0\0", 6), wireBody(reg));
+    DG2Address a;
+    ASSERT_TRUE(DG2UnpackAddress(received(reg), &a));
+    EXPECT_EQ("192.0.2.7", a.address);
+    EXPECT_EQ(3069, a.port);
+    DG2MessageType scratch{};
+    EXPECT_EQ(-1, DG2PackAddress(&scratch, DG2::MsgUninstall, {"id", "192.0.2.7", 3069}));
+    EXPECT_EQ(-1, DG2PackAddress(&scratch, DG2::MsgRegister, {"", "192.0.2.7", 70000}));
+
+    DG2Builder end(DG2::MsgAppEnd);
+    end.pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 3, std::string(40, 'n')}); });
+    DG2AppEnd e;
+    ASSERT_TRUE(DG2UnpackAppEnd(received(end), &e));
+    EXPECT_EQ(std::string(32, 'n'), e.senderName);  // cut to the field, terminated by the reader
+    EXPECT_EQ(3, e.value2);
+
+    DG2Builder code(DG2::MsgAccessCode);
+    code.pack([](DG2MessageType* m) { return DG2PackAccessCode(m, "8000"); });
+    std::string c;
+    ASSERT_TRUE(DG2UnpackAccessCode(received(code), &c));
+    EXPECT_EQ("8000", c);
+    EXPECT_EQ(-1, DG2PackAccessCode(&scratch, "80\t00"));
+
+    DG2Builder sched(DG2::MsgSchedule);
+    sched.pack([](DG2MessageType* m) { return DG2PackSchedule(m, 0x1234); });
+    EXPECT_EQ(std::string("\x34\x12", 2), wireBody(sched));
+    int minutes = 0;
+    ASSERT_TRUE(DG2UnpackSchedule(received(sched), &minutes));
+    EXPECT_EQ(0x1234, minutes);
+    EXPECT_EQ(-1, DG2PackSchedule(&scratch, -1));
+}
+
+} // namespace
