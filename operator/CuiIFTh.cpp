@@ -2,13 +2,17 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "config/FileMap.h"
 #include "control/Codes.h"
+#include "core/FatalStop.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
 
@@ -25,16 +29,45 @@ CuiIFTh::~CuiIFTh()
     // accept ends the daemon with status 1 instead of 0.
 }
 
-void CuiIFTh::setListenAddress(const char* dotted)
+bool CuiIFTh::parseListenAddress(const std::string& text, in_addr_t* addr)
 {
-    in_addr addr;
-    if (dotted && inet_pton(AF_INET, dotted, &addr) == 1)
-        mListenAddr = addr.s_addr;
+    if (text.empty()) {
+        *addr = htonl(INADDR_LOOPBACK);
+        return true;
+    }
+    if (text == "*") {
+        *addr = htonl(INADDR_ANY);
+        return true;
+    }
+    in_addr parsed;
+    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1)
+        return false;
+    *addr = parsed.s_addr;
+    return true;
+}
+
+void CuiIFTh::report(const std::string& line)
+{
+    // Keys and values come from whoever connected: no control characters
+    // reach the log.
+    std::string text = line;
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            c = '?';
+    fprintf(stderr, "kestrava: console: %s\n", text.c_str());
+    syslog(LOG_DAEMON | LOG_WARNING, "console: %s", text.c_str());
 }
 
 int CuiIFTh::InitSock()
 {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    // The console changes the daemon's configuration without asking who
+    // connects: it listens on the loopback unless the operator says more.
+    const std::string address = config() ? config()->getConf("CuiAddress") : std::string();
+    mListenAddr = htonl(INADDR_LOOPBACK);
+    if (!parseListenAddress(address, &mListenAddr))
+        report("invalid \"CuiAddress\" \"" + address + "\"; listening on 127.0.0.1 only");
+
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     // A connection this daemon ended last keeps the port in TIME_WAIT for
     // a while; the address may be re-used at once after a restart.
     int on = 1;
@@ -47,10 +80,23 @@ int CuiIFTh::InitSock()
     addr.sin_addr.s_addr = mListenAddr;
     addr.sin_port = htons(static_cast<uint16_t>(strtol(port.c_str(), nullptr, 10)));
 
+    bool bound = false;
+    int bindError = 0;
     for (int attempt = 0; attempt < 30 && !mStop.load(); ++attempt) {
-        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+            bound = true;
             break;
+        }
+        bindError = errno;
         sleep(1);
+    }
+    // Listening on an unbound socket would open a random port on every
+    // address; without the bind there is no console port.
+    if (!bound) {
+        close(fd);
+        if (!mStop.load())
+            report("cannot bind port " + port + ": " + strerror(bindError));
+        return 1;
     }
     listen(fd, 1);
     mListenSock.store(fd);
@@ -63,8 +109,13 @@ int CuiIFTh::InitSock()
 void CuiIFTh::thread_main()
 {
     InitSock();
+    if (mListenSock.load() < 0) {
+        if (!mStop.load())
+            FatalStop::request(1, "the console port cannot be bound");
+        return;
+    }
     for (;;) {
-        int conn = accept(mListenSock.load(), nullptr, nullptr);
+        int conn = accept4(mListenSock.load(), nullptr, nullptr, SOCK_CLOEXEC);
         if (conn < 0) {
             if (mStop.load())
                 break;
@@ -72,7 +123,9 @@ void CuiIFTh::thread_main()
             // is not a failure of the console port.
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
-            exit(1);
+            report(std::string("accepting a connection failed: ") + strerror(errno));
+            FatalStop::request(1, "the console port failed");
+            break;
         }
         mConnSock.store(conn);
         if (mStop.load()) {
@@ -92,36 +145,45 @@ void CuiIFTh::thread_main()
 int CuiIFTh::Attend()
 {
     const int conn = mConnSock.load();
-    CUIMSGINFO req;
+    CUIMSGINFO rec;
     for (;;) {
-        memset(&req, 0, sizeof req);
-        // One read per request: a request that does not arrive whole in
-        // one piece ends the connection.
-        ssize_t n = read(conn, &req, sizeof req);
-        if (n != static_cast<ssize_t>(sizeof req))
+        // An idle or half-open connection would hold the only console
+        // slot for ever: it gets the idle time-out.
+        struct pollfd p = {conn, POLLIN, 0};
+        int ready = poll(&p, 1, mIdleTimeoutMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready == 0) {
+            const int ms = mIdleTimeoutMs;
+            report("connection idle for " + (ms % 1000 ? std::to_string(ms) + " ms" : std::to_string(ms / 1000) + " s")
+                   + "; closed");
+            return 0;
+        }
+        if (ready < 0)
             return 0;
 
-        if (req.command == CmdPresence) {
-            CUIMSGINFO answer = req;
-            answer.command = CmdAnswer;
-            send(conn, &answer, sizeof answer, MSG_NOSIGNAL);
-        } else if (req.command == CmdSetConf) {
-            char key[sizeof req.key + 1];
-            char value[sizeof req.value + 1];
-            memcpy(key, req.key, sizeof req.key);
-            key[sizeof req.key] = 0;
-            memcpy(value, req.value, sizeof req.value);
-            value[sizeof req.value] = 0;
-            if (config()) {
-                config()->setConf(key, value);
-                config()->save();
-            }
-            CUIMSGINFO answer = req;
-            answer.command = CmdAnswer;
-            send(conn, &answer, sizeof answer, MSG_NOSIGNAL);
-            SetConfNotify(key);
+        memset(&rec, 0, sizeof rec);
+        // One read per request: a request that does not arrive whole in
+        // one piece ends the connection.
+        ssize_t n = read(conn, &rec, sizeof rec);
+        const bool allow = config()
+                           && strtol(config()->getConf(ConsoleRequest::kAllowKey).c_str(), nullptr, 10) == 1;
+        ConsoleRequest req = ConsoleRequest::decode(&rec, n < 0 ? 0 : static_cast<size_t>(n), allow);
+
+        if (req.kind == ConsoleRequest::Close)
+            return 0;
+        if (req.kind == ConsoleRequest::Ignore)
+            continue;
+        if (req.kind == ConsoleRequest::Refused)
+            report("refused to set \"" + req.key + "\": " + req.reason);
+        if (req.kind == ConsoleRequest::SetConf && config()) {
+            config()->setConf(req.key, req.value);
+            config()->save();
         }
-        // Any other command is ignored without an answer.
+        CUIMSGINFO answer = req.answer();
+        send(conn, &answer, sizeof answer, MSG_NOSIGNAL);
+        if (req.kind == ConsoleRequest::SetConf)
+            SetConfNotify(req.key);
     }
 }
 

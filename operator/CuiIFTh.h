@@ -10,18 +10,10 @@
 #include <string>
 
 #include "core/tthread.h"
+#include "operator/ConsoleRequest.h"
 
 class FileMap;
 class StCTrl;
-
-// Request and answer record of the console port (native byte order: the
-// console tool runs on the same machine).
-struct CUIMSGINFO {
-    int32_t command;
-    char key[128];
-    char value[128];
-};
-static_assert(sizeof(CUIMSGINFO) == 260, "the console record is 260 bytes");
 
 class CuiIFTh : public tthread {
 public:
@@ -29,7 +21,10 @@ public:
         CmdPresence = 1,  // answered with CmdAnswer
         CmdSetConf = 10,  // store key = value, save, answer with CmdAnswer
         CmdAnswer = 128,
+        CmdRefused = ConsoleRequest::CmdRefused, // the request was refused; nothing stored
     };
+    // A connection that sends nothing for this long is closed.
+    static const int kIdleTimeoutMs = 60 * 1000;
 
     // ctrl: the controller core that receives the change notifications.
     // config: the address of the configuration map pointer that start-up
@@ -37,19 +32,23 @@ public:
     CuiIFTh(int number, StCTrl* ctrl, FileMap** config);
     ~CuiIFTh() override;
 
-    // Creates the listening socket on the port "CuiPort" (30 bind attempts
-    // one second apart, backlog 1). Returns 1 whether or not the bind
-    // succeeded.
+    // Creates the listening socket on the address "CuiAddress" (127.0.0.1
+    // when missing, empty or invalid; "*" for every address) and the port
+    // "CuiPort" (30 bind attempts one second apart, backlog 1). Returns 1;
+    // when the bind failed the listening socket stays -1.
     int InitSock();
-    // Serves the current connection until it ends.
+    // Serves the current connection until it ends, is idle for the idle
+    // time-out, or sends a record that is not whole.
     int Attend();
     // Tells the controller core about a key whose change acts at once
     // ("AccessCode1", "ShutdownDelay1", "DumpLogRate").
     void SetConfNotify(std::string key);
 
-    // The address the console port is bound to (any local address unless
-    // set, in dotted form, before the thread starts).
-    void setListenAddress(const char* dotted);
+    // The value of "CuiAddress" as a bind address (network byte order):
+    // false for an invalid text, which leaves *addr unchanged.
+    static bool parseListenAddress(const std::string& text, in_addr_t* addr);
+    // Replaces the idle time-out (before the thread starts; for tests).
+    void setIdleTimeout(int ms) { mIdleTimeoutMs = ms; }
     // The listening socket (-1 until InitSock made it).
     int listenSocket() const { return mListenSock.load(); }
     // Ends the thread: the listening and connection sockets are shut down
@@ -67,5 +66,10 @@ private:
     std::atomic<int> mListenSock;
     std::atomic<int> mConnSock;
     std::atomic<bool> mStop;
-    in_addr_t mListenAddr; // network byte order
+    in_addr_t mListenAddr; // network byte order; set by InitSock from "CuiAddress"
+    int mIdleTimeoutMs = kIdleTimeoutMs;
+
+    // A line for the system log and standard error: refused requests, idle
+    // connections, an invalid address, a port that cannot be bound.
+    void report(const std::string& line);
 };

@@ -20,7 +20,7 @@ void copyText(char* dst, const char* src)
 
 unsigned short GetNowIPAddr_And_BroadCastAddr(char (*addrs)[32], char (*bcasts)[32])
 {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         copyText(bcasts[0], kAllBroadcast);
         return 0;

@@ -7,6 +7,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
@@ -17,6 +18,7 @@
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
 #include "daemon/Globals.h"
+#include "core/FatalStop.h"
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
@@ -26,69 +28,63 @@ namespace {
 
 const std::string kConsole = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-console";
 
-sockaddr_in loopback(int port)
-{
-    return sockaddr_in{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
-// A loopback socket bound to a free port; listening when `listening`.
-int boundSocket(int* port, bool listening)
+// A loopback port nothing uses; with `listener`, a socket kept listening on it.
+int freePort(int* listener = nullptr)
 {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(0);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof addr;
     bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    *port = ntohs(addr.sin_port);
-    if (listening)
-        listen(fd, 1);
-    return fd;
+    listener ? (listen(fd, 1), *listener = fd) : close(fd);
+    return ntohs(addr.sin_port);
 }
 
-// A loopback port that nothing listens on at the moment.
-int freePort()
+// The address a socket is bound to, dotted.
+std::string boundAddress(int fd)
 {
-    int port = 0;
-    close(boundSocket(&port, false));
-    return port;
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    return inet_ntoa(addr.sin_addr);
 }
 
-// Connects to 127.0.0.1:port, retrying for at most 10 s while the server
-// starts; every receive on the connection waits at most 5 s.
+// A connection to 127.0.0.1:port whose receives wait at most 5 s.
 int connectTo(int port)
 {
-    int fd = -1;
-    waitFor([&] {
-        fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr = loopback(port);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
-            return true;
-        close(fd);
-        fd = -1;
-        return false;
-    }, 10, 50);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     struct timeval limit = {5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
     return fd;
 }
 
-bool sendRequest(int fd, int command, const char* key = "", const char* value = "")
+CUIMSGINFO record(int command, const char* key = "", const char* value = "")
 {
     CUIMSGINFO rec{};
     rec.command = command;
     snprintf(rec.key, sizeof rec.key, "%s", key);
     snprintf(rec.value, sizeof rec.value, "%s", value);
-    return send(fd, &rec, sizeof rec, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof rec);
+    return rec;
 }
 
-// Sends a request and reads its whole answer; the answer's command, or -1
-// on time-out, peer close or a short record.
+// Sends a record and reads its whole answer; the answer's command, or -1 on
+// time-out, peer close or a short record.
+int ask(int fd, const CUIMSGINFO& rec)
+{
+    CUIMSGINFO answer{};
+    if (send(fd, &rec, sizeof rec, MSG_NOSIGNAL) != sizeof rec
+        || recv(fd, &answer, sizeof answer, MSG_WAITALL) != sizeof answer)
+        return -1;
+    return answer.command;
+}
 int ask(int fd, int command, const char* key = "", const char* value = "")
 {
-    CUIMSGINFO rec{};
-    if (!sendRequest(fd, command, key, value) || recv(fd, &rec, sizeof rec, MSG_WAITALL) != sizeof rec)
-        return -1;
-    return rec.command;
+    return ask(fd, record(command, key, value));
 }
 
 class CuiIFThTest : public ::testing::Test {
@@ -96,20 +92,23 @@ protected:
     void SetUp() override
     {
         writeFile(ini, "# console test\nUPSController=1\nCuiPort=" + std::to_string(port)
-                           + "\nDumpLogRate=5\nShutdownDelay1=30\nAccessCode1=abc\nGroupName=g\n");
+                           + "\nDumpLogRate=5\nShutdownDelay1=30\nAccessCode1=abc\nGroupName=g\n"
+                             "AppTermCommand1=/bin/true\nPath=/opt/k\n");
         config.load();
         savedConfig = gpMapConfig;
         gpMapConfig = &config;
         ctrl.Set_State_UPS(2);
         ctrl.setLogConfig();
-        server.setListenAddress("127.0.0.1");
+        server.setIdleTimeout(300);
         ASSERT_TRUE(server.st());
+        ASSERT_TRUE(waitFor([&] { return server.listenSocket() >= 0; }, 10, 20));
     }
     void TearDown() override
     {
         server.requestStop();
         EXPECT_FALSE(server.sp());
         gpMapConfig = savedConfig;
+        FatalStop::resetForTests();
     }
 
     // (addressee, code, parameters 0 and 2) of the events the controller
@@ -157,17 +156,23 @@ TEST_F(CuiIFThTest, SetConfigurationKeySavesAnswersThenNotifies)
     EXPECT_EQ(ctrl.getShutdownDelay(0), 45);
     EXPECT_EQ(config.getConf("GroupName"), "h");
     close(fd);
+
+    // The console client, with the port taken from the given Kestrava.ini.
+    ChildRun r = runProgram(tmp.path(), {kConsole, "--config", ini, "set", "GroupName", "k"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "kestrava-console: GroupName set to k\n");
+    r = runProgram(tmp.path(), {kConsole, "--port", std::to_string(port), "ping"});
+    EXPECT_EQ(r.out, "kestrava-console: daemon answered\n");
 }
 
 TEST_F(CuiIFThTest, UnknownCommandIsIgnoredAndAShortRequestEndsOnlyItsConnection)
 {
     int fd = connectTo(port);
-    ASSERT_GE(fd, 0);
-    ASSERT_TRUE(sendRequest(fd, 5, "DumpLogRate", "99"));
-    usleep(300 * 1000);
-    char c;
-    EXPECT_EQ(recv(fd, &c, 1, MSG_DONTWAIT), -1); // no answer, and the connection stays
+    CUIMSGINFO unknown = record(5, "DumpLogRate", "99");
+    ASSERT_EQ(send(fd, &unknown, sizeof unknown, MSG_NOSIGNAL), 260);
     EXPECT_EQ(ask(fd, 1), 128);
+    char c;
+    EXPECT_EQ(recv(fd, &c, 1, MSG_DONTWAIT), -1); // no second answer: 5 had none
     EXPECT_EQ(config.getConf("DumpLogRate"), "5");
 
     char shortRequest[259] = {1};
@@ -175,23 +180,79 @@ TEST_F(CuiIFThTest, UnknownCommandIsIgnoredAndAShortRequestEndsOnlyItsConnection
     EXPECT_EQ(recv(fd, &c, 1, 0), 0); // closed by the server
     close(fd);
     fd = connectTo(port); // the next client is served
-    ASSERT_GE(fd, 0);
     EXPECT_EQ(ask(fd, 1), 128);
     close(fd);
 }
 
-TEST_F(CuiIFThTest, ConsoleClientPingsAndSets)
+TEST_F(CuiIFThTest, KeysThatRunProgramsOrNameFilesAreRefusedUnlessTheOperatorOptsIn)
 {
-    close(connectTo(port)); // the server listens
-    ChildRun r = runProgram(tmp.path(), {kConsole, "--port", std::to_string(port), "ping"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "kestrava-console: daemon answered\n");
+    const std::string before = readFile(ini);
+    int fd = connectTo(port);
+    for (const char* key : {"AppTermCommand1", "AppTermCommand4", "Path", "DeviceName", "UPSController",
+                            "CuiAddress", "CuiPort", "CuiAllowCommandKeys"})
+        EXPECT_EQ(ask(fd, 10, key, "/tmp/x"), 129) << key;
+    // Line breaks, missing terminators and empty keys are refused the same way.
+    CUIMSGINFO unterminatedKey = record(10, "", "v"), unterminatedValue = record(10, "GroupName");
+    memset(unterminatedKey.key, 'K', sizeof unterminatedKey.key);
+    memset(unterminatedValue.value, 'v', sizeof unterminatedValue.value);
+    EXPECT_EQ(ask(fd, unterminatedKey), 129);
+    EXPECT_EQ(ask(fd, unterminatedValue), 129);
+    EXPECT_EQ(ask(fd, 10, "GroupName", "a\nPath=/"), 129);
+    EXPECT_EQ(ask(fd, 10, "Group\rName", "a"), 129);
+    EXPECT_EQ(ask(fd, 10, "", "a"), 129);
+    EXPECT_EQ(readFile(ini), before);
+    EXPECT_EQ(config.getConf("AppTermCommand1"), "/bin/true");
+    EXPECT_EQ(config.getConf("Path"), "/opt/k");
+    EXPECT_EQ(config.getConf("GroupName"), "g");
+    EXPECT_EQ(ctrl.queuedEvents(), 0u);
+    close(fd);
 
-    // The port comes from the given Kestrava.ini.
-    r = runProgram(tmp.path(), {kConsole, "--config", ini, "set", "DumpLogRate", "10"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "kestrava-console: DumpLogRate set to 10\n");
-    EXPECT_NE(readFile(ini).find("DumpLogRate= 10\n"), std::string::npos);
+    ChildRun r = runProgram(tmp.path(), {kConsole, "--port", std::to_string(port), "set", "Path", "/"});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("the daemon refused to set \"Path\": "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("CuiAllowCommandKeys=1"), std::string::npos) << r.err;
+
+    // The opt-in is read at each request; the allow key itself stays out of reach.
+    config.setConf("CuiAllowCommandKeys", "1");
+    fd = connectTo(port);
+    EXPECT_EQ(ask(fd, 10, "AppTermCommand1", "/usr/local/bin/stop-db"), 128);
+    EXPECT_EQ(ask(fd, 10, "CuiAllowCommandKeys", "0"), 129);
+    EXPECT_EQ(ask(fd, 10, "GroupName", "a\nb"), 129);
+    close(fd);
+    EXPECT_NE(readFile(ini).find("AppTermCommand1= /usr/local/bin/stop-db\n"), std::string::npos);
+    EXPECT_EQ(config.getConf("CuiAllowCommandKeys"), "1");
+}
+
+TEST_F(CuiIFThTest, ListensOnLoopbackByDefaultClosesIdleConnectionsAndHandsAcceptFailuresToMain)
+{
+    EXPECT_EQ(boundAddress(server.listenSocket()), "127.0.0.1");
+    EXPECT_TRUE(fcntl(server.listenSocket(), F_GETFD) & FD_CLOEXEC);
+    // An idle connection is closed after the idle time-out; the next is served.
+    int idle = connectTo(port);
+    char c;
+    EXPECT_EQ(recv(idle, &c, 1, 0), 0);
+    close(idle);
+    int fd = connectTo(port);
+    EXPECT_EQ(ask(fd, 1), 128);
+    close(fd);
+
+    // "*" binds every address; an invalid address falls back to the loopback.
+    for (auto setting : {std::make_pair("*", "0.0.0.0"), std::make_pair("192.168.300.1", "127.0.0.1")}) {
+        config.setConf("CuiAddress", setting.first);
+        config.setConf("CuiPort", std::to_string(freePort()));
+        CuiIFTh other(6, &ctrl, &gpMapConfig);
+        ASSERT_TRUE(other.st());
+        ASSERT_TRUE(waitFor([&] { return other.listenSocket() >= 0; }, 10, 20));
+        EXPECT_EQ(boundAddress(other.listenSocket()), setting.second) << setting.first;
+        other.requestStop();
+        EXPECT_FALSE(other.sp());
+    }
+
+    // A failing accept is not a stop request: the main thread is asked to
+    // end the daemon with status 1, and the thread returns.
+    shutdown(server.listenSocket(), SHUT_RDWR);
+    EXPECT_TRUE(waitFor([] { return FatalStop::requested(); }, 5, 20));
+    EXPECT_EQ(FatalStop::status(), 1);
 }
 
 TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
@@ -201,45 +262,16 @@ TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
     int port = freePort();
     ChildRun r = runProgram(dir, {kConsole, "--port", std::to_string(port), "ping"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("no daemon listens on 127.0.0.1 port " + std::to_string(port)), std::string::npos) << r.err;
 
     // Something listens but never answers.
-    int fd = boundSocket(&port, true);
+    int fd = -1;
+    port = freePort(&fd);
     r = runProgram(dir, {kConsole, "--timeout", "1", "--port", std::to_string(port), "set", "A", "b"});
     close(fd);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
-
-    // Usage errors: status 2 with a hint; --help explains.
-    r = runProgram(dir, {kConsole, "ping"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("--port N or the daemon's Kestrava.ini with --config FILE"), std::string::npos) << r.err;
     EXPECT_EQ(runProgram(dir, {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
-    r = runProgram(dir, {kConsole, "--help"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("set KEY VALUE"), std::string::npos);
-}
-
-TEST(CuiIFThAccept, AcceptFailureEndsTheProcessWithStatus1)
-{
-    // In a child: the failing accept ends the whole process.
-    TempDir tmp("cuiifth_exit.");
-    writeFile(tmp.file("Kestrava.ini"), "CuiPort=" + std::to_string(freePort()) + "\n");
-    ChildRun r = runChild(tmp.path(), [&] {
-        FileMap config(tmp.file("Kestrava.ini"));
-        gpMapConfig = &config;
-        ManualClock clock;
-        StCTrl ctrl(&clock, &config);
-        CuiIFTh server(6, &ctrl, &gpMapConfig);
-        server.setListenAddress("127.0.0.1");
-        if (!server.st() || !waitFor([&] { return server.listenSocket() >= 0; }, 5, 25))
-            _exit(6);
-        shutdown(server.listenSocket(), SHUT_RDWR); // not a stop request
-        sleep(10);
-        _exit(7);
-    }, 30);
-    EXPECT_EQ(r.status, 1);
 }
 
 } // namespace

@@ -34,7 +34,7 @@ std::set<std::string> keySet(std::initializer_list<std::string> names)
 const std::set<std::string> kIniKeys = keySet({
     "UPSController", "DeviceName", "IPAddress", "MemberPort", "GroupName", "SetUpID", "MemberIDData",
     "NotSend", "UPSVersion", "ModelName", "UPSSerial", "UPSFirmWare", "DumpLogRate", "DumpLogDays", "Path",
-    "CuiPort", "WinkTime%", "ShutdownTime%", "AppTermTimeOut%", "ShutdownDelay%", "AppTermCommand%",
+    "CuiPort", "CuiAddress", "WinkTime%", "ShutdownTime%", "AppTermTimeOut%", "ShutdownDelay%", "AppTermCommand%",
     "CtrlIPAddress%", "CtrlPort%", "HostName%", "UGName%", "MemberEntry%", "MyID%", "AccessCode%"});
 const std::set<std::string> kMemcntKeys = keySet({
     "SetLater", "WinkTime", "ShutdownTime", "AppTermTimeOut", "ShutdownDelay", "AppTermCommand",

@@ -126,6 +126,15 @@ int ConsoleClient::exchange(const CUIMSGINFO& request, std::string* error)
         got += static_cast<size_t>(n);
     }
     close(fd);
+    if (answer.command == CuiIFTh::CmdRefused) {
+        answer.key[sizeof answer.key - 1] = 0;
+        answer.value[sizeof answer.value - 1] = 0;
+        std::string why = answer.value;
+        if (why.compare(0, 9, "refused: ") == 0)
+            why.erase(0, 9);
+        *error = std::string("the daemon refused to set \"") + answer.key + "\": " + why;
+        return kRefused;
+    }
     if (answer.command != CuiIFTh::CmdAnswer) {
         *error = "unexpected answer from the daemon (command " + std::to_string(answer.command) + ")";
         return 1;

@@ -15,9 +15,13 @@ public:
 
     // Presence check. 0 when the daemon answered, else 1 with *error set.
     int ping(std::string* error);
+    // Result of set when the daemon refused the key (see
+    // "CuiAllowCommandKeys"); *error holds the daemon's reason.
+    static const int kRefused = 3;
+
     // Sets a configuration key in the running daemon (which also saves it
     // when the key stands in its "Kestrava.ini"). 0 when the daemon
-    // confirmed, else 1 with *error set.
+    // confirmed, kRefused when it refused, else 1 with *error set.
     int set(const std::string& key, const std::string& value, std::string* error);
 
     // 0 when key and value can be sent (lengths, no line breaks, no "=" in

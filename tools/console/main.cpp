@@ -30,6 +30,10 @@ void usage(FILE* out)
             "                 key already stands there (otherwise the value holds only\n"
             "                 until the daemon restarts). Changes of \"DumpLogRate\",\n"
             "                 \"AccessCode1\" and \"ShutdownDelay1\" act at once.\n"
+            "                 Keys that run programs or name files or addresses\n"
+            "                 (AppTermCommand1, Path, DeviceName, CuiAddress, ...) are\n"
+            "                 refused unless the daemon's Kestrava.ini holds\n"
+            "                 CuiAllowCommandKeys=1.\n"
             "\n"
             "Options:\n"
             "  --port N       the daemon's console port\n"
@@ -40,7 +44,8 @@ void usage(FILE* out)
             "  --help         show this text\n"
             "\n"
             "Exit status: 0 done, 1 the daemon could not be reached or did not\n"
-            "answer, 2 wrong usage or unreadable configuration.\n",
+            "answer, 2 wrong usage or unreadable configuration, 3 the daemon refused\n"
+            "the key.\n",
             kProgram, kProgram);
 }
 
@@ -145,9 +150,10 @@ int main(int argc, char** argv)
     }
     const std::string& key = words[1];
     const std::string& value = words[2];
-    if (client.set(key, value, &error) != 0) {
+    const int result = client.set(key, value, &error);
+    if (result != 0) {
         fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
-        return 1;
+        return result;
     }
     printf("%s: %s set to %s\n", kProgram, key.c_str(), value.c_str());
     return 0;

@@ -1,0 +1,139 @@
+// libFuzzer target of the configuration file reader: any bytes, written as
+// "Kestrava.ini", are loaded, saved in place and loaded again. Loading must
+// never keep a line break in a key or value, a save of unchanged values must
+// not change what a reload finds (when no key repeats), a save never adds a
+// key, and a changed plain value survives its save and reload.
+#include <cctype>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "config/FileMap.h"
+
+namespace {
+std::map<std::string, std::string> entries(FileMap& map, const std::map<std::string, std::string>& keys)
+{
+    std::map<std::string, std::string> out;
+    for (const auto& k : keys)
+        out[k.first] = map.getConf(k.first);
+    return out;
+}
+
+// The keys of the lines that hold a pair (not comments, with "="), trimmed
+// as the load and the save trim them, in file order.
+std::vector<std::string> pairKeys(const std::string& text)
+{
+    std::vector<std::string> keys;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string line = text.substr(start, end - start);
+        const size_t eq = line.find('=');
+        if (!line.empty() && line[0] != '#' && eq != std::string::npos) {
+            std::string key = line.substr(0, eq);
+            FileMap::trimming(&key);
+            keys.push_back(key);
+        }
+        start = end + 1;
+    }
+    return keys;
+}
+
+bool isPlainKey(const std::string& key)
+{
+    if (key.empty())
+        return false;
+    for (char c : key)
+        if (!isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '%' && c != '.')
+            return false;
+    return true;
+}
+
+// A private directory for the file, in memory where possible (the file is
+// rewritten several times per input), removed with it when the process ends.
+struct Scratch {
+    std::string dir, file;
+    Scratch()
+    {
+        char shm[] = "/dev/shm/kestrava-fuzz-config.XXXXXX", tmp[] = "/tmp/kestrava-fuzz-config.XXXXXX";
+        char* name = mkdtemp(shm) ? shm : mkdtemp(tmp);
+        if (!name)
+            abort();
+        dir = name;
+        file = dir + "/Kestrava.ini";
+    }
+    ~Scratch()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+};
+
+const std::string& scratchFile()
+{
+    static Scratch scratch;
+    return scratch.file;
+}
+
+bool writeAll(const std::string& path, const std::string& text)
+{
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f)
+        return false;
+    const bool ok = fwrite(text.data(), 1, text.size(), f) == text.size();
+    return fclose(f) == 0 && ok;
+}
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string& path = scratchFile();
+    if (!writeAll(path, text))
+        abort();
+
+    FileMap map(path);
+    if (!map.isLoaded())
+        __builtin_trap();
+    // What the load stored, read through a second map so that the reads
+    // create no entries in the first.
+    const std::vector<std::string> keys = pairKeys(text);
+    std::map<std::string, std::string> loaded;
+    for (const std::string& k : keys)
+        loaded[k];
+    {
+        FileMap probe(path);
+        loaded = entries(probe, loaded);
+    }
+    for (const auto& kv : loaded)
+        if (kv.first.find('\n') != std::string::npos || kv.second.find('\n') != std::string::npos)
+            __builtin_trap();
+
+    if (map.save() != 1)
+        __builtin_trap();
+    FileMap again(path);
+    const std::map<std::string, std::string> reloaded = entries(again, loaded);
+    if (keys.size() == loaded.size() && reloaded != loaded)
+        __builtin_trap();
+
+    // A plain new value for the first key with a plain name survives save
+    // and reload.
+    if (!loaded.empty() && isPlainKey(loaded.begin()->first)) {
+        const std::string key = loaded.begin()->first;
+        const std::string value = "v" + std::to_string(size);
+        map.setConf(key, value);
+        map.save();
+        FileMap last(path);
+        if (last.getConf(key) != value)
+            __builtin_trap();
+    }
+    return 0;
+}
