@@ -2,9 +2,13 @@
 // before each, the support test and the echo test of the reply.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/fakes/ChildProcess.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/XcpLinkRig.h"
 
 namespace {
@@ -123,5 +127,29 @@ TEST_F(XcpCommandTest, UnlistedCommandsAreSkippedButStopIsAlwaysSent)
     listCommands({0x31});  // authentication is skipped when not listed
     EXPECT_EQ(0, link->upsStop());
     EXPECT_EQ(std::vector<int>({0x8A}), port.codesWritten());
+}
+
+TEST_F(XcpCommandTest, StopEventGivesUpOnAFrameLimitItCannotMeet)
+{
+    // The authentication frame has 7 bytes: a UPS taking at most 6 can
+    // never get the stop. The event ends (bounded here) with one log line.
+    link->setMaxCommandLength(6);
+    events->setXcpEvent(202);
+    std::atomic<bool> done{false};
+    ::testing::internal::CaptureStderr();
+    std::thread t([&] {
+        link->commStart();
+        done = true;
+    });
+    const bool ended = waitFor([&] { return done.load(); }, 5, 10);
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    if (!ended) {
+        t.detach();  // spinning: the process ends with the failure
+        FAIL() << "the stop event spins";
+    }
+    t.join();
+    EXPECT_EQ("kestrava: UPS stop not sent: the UPS accepts command frames of at most 6 bytes\n", err);
+    EXPECT_TRUE(port.writes.empty());
+    EXPECT_TRUE(drainDescribed(*ctrl).empty());
 }
 } // namespace

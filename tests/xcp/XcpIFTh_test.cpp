@@ -220,6 +220,33 @@ TEST_F(XcpLinkTest, RedetectEventOpensThePortOrDetects)
     EXPECT_EQ(0, ups->commAlert());
 }
 
+TEST_F(XcpLinkTest, LostDeviceIsOpenedAfreshWhenItComesBack)
+{
+    XcpUpsScript script;
+    script.install(port);
+    EXPECT_TRUE(runStarts(200, 2));
+    port.hungUp = true;  // unplugged: the descriptor only fails from now on
+    EXPECT_TRUE(runStarts(201, 1));
+    EXPECT_EQ(3, ctrl->GetStateUPS());
+    EXPECT_TRUE(link->portLost());
+    port.openResult = -1;  // not back yet: detection tries to open it
+    EXPECT_TRUE(runStarts(203, 1));
+    EXPECT_EQ(2u, port.openedPaths.size());
+    EXPECT_EQ(1, ups->portAlert());
+    port.openResult = 7;  // back: opened and detected again
+    EXPECT_TRUE(runStarts(203, 2));
+    EXPECT_EQ(3u, port.openedPaths.size());
+    EXPECT_EQ(2, ctrl->GetStateUPS());
+    EXPECT_EQ(0, ups->portAlert());
+
+    // The stop opens a lost line again at the speed it had.
+    port.hungUp = true;
+    EXPECT_TRUE(run(202).empty());
+    EXPECT_EQ(4u, port.openedPaths.size());
+    EXPECT_EQ(19200, port.writeSpeeds.back());
+    EXPECT_EQ(1u, port.framesWithCode(0x8A).size());
+}
+
 TEST_F(XcpLinkTest, StopEventRepeatsUntilAcceptedAndPostsNothing)
 {
     ASSERT_EQ(1, link->portOpen());
