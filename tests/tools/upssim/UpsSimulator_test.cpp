@@ -1,4 +1,4 @@
-// Tests of the simulated UPS: framing, the blocks as the daemon's own
+// Tests of the simulated UPS: frame reassembly, the blocks as the daemon's own
 // parsers read them, the action commands, and the program serving a real
 // pseudo-terminal with its runtime commands and faults.
 #include <errno.h>
@@ -65,24 +65,6 @@ std::string readLinkTarget(const std::string& path) {
 }
 
 }  // namespace
-
-TEST(XcpFrameCodec, ChecksumsCommandFramesAndNumberedReplyFrames) {
-    EXPECT_EQ((Bytes{0xAB, 0x01, 0x31, 0x23}), XcpFrameCodec::encodeCommand(0x31));
-    Bytes data(600);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
-    std::vector<Bytes> frames = XcpFrameCodec::encodeReplyFrames(0x04, data);
-    ASSERT_EQ(3u, frames.size());
-    const uint8_t seqs[] = {0x01, 0x02, 0x83}, lens[] = {255, 255, 90};
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ((Bytes{0xAB, 0x04, lens[i], seqs[i]}), Bytes(frames[i].begin(), frames[i].begin() + 4));
-        EXPECT_EQ(0, XcpFrameCodec::checksum(frames[i])) << "frame " << i;
-    }
-    Bytes wire = XcpFrameCodec::encodeReply(0x04, data), back;
-    EXPECT_EQ(0, XcpFrameCodec::decodeReply(wire, 0x04, &back));
-    EXPECT_EQ(data, back);
-    EXPECT_EQ((Bytes{0xAB, 0x05, 0x00, 0x81, 0xCF}), XcpFrameCodec::encodeReply(5, Bytes()));
-    EXPECT_EQ(6, XcpFrameCodec::decodeReply(Bytes(wire.begin(), wire.end() - 1), 0x04, &back));
-}
 
 TEST(XcpCommandReader, ReassemblesFramesAcrossReadsAndSkipsNoise) {
     using Kind = XcpCommandReader::Kind;
