@@ -67,42 +67,6 @@ public:
         return ::waitFor(cond, seconds, mPollMs);
     }
 
-    // The home directory with its "lock", "bin" and "log" directories.
-    void makeHome()
-    {
-        ASSERT_TRUE(mDir.made());
-        mkdir((home + "lock").c_str(), 0755);
-        mkdir((home + "bin").c_str(), 0755);
-        mkdir((home + "log").c_str(), 0755);
-    }
-
-    // The Kestrava.ini keys every sandboxed daemon needs: this home as its
-    // path, no meter log, and its console, controller and member ports on
-    // the loopback from `basePort` on.
-    std::string homeKeys(int basePort) const
-    {
-        return "Path=" + home.substr(0, home.size() - 1) + "\n" +
-               "DumpLogRate=0\n"
-               "DumpLogDays=30\n"
-               "CuiPort=" + std::to_string(basePort) + "\n" +
-               "IPAddress=127.0.0.1\n"
-               "CtrlPort1=" + std::to_string(basePort + 1) + "\n" +
-               "MemberPort=" + std::to_string(basePort + 2) + "\n";
-    }
-
-    // Kestrava.ini with `ini`, the shipped alert.rc, "shutdown.sh" with
-    // `shutdownScript`, the fake `wall` (appends its text to "wall.txt")
-    // and the `kestrava` symlink to the daemon.
-    void writeHomeFiles(const std::string& ini, const std::string& shutdownScript)
-    {
-        writeFile(home + "Kestrava.ini", ini, 0644);
-        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"), 0644);
-        writeFile(home + "shutdown.sh", shutdownScript, 0755);
-        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
-        std::string daemon = std::string(KESTRAVA_BINARY_DIR) + "/kestrava";
-        ASSERT_EQ(symlink(daemon.c_str(), (home + "kestrava").c_str()), 0);
-    }
-
     // Starts the simulator (frame log in `frames`, quiet, then `options`)
     // and reads the terminal path from its first line of output.
     void startSimulator(const std::vector<std::string>& options)
@@ -136,18 +100,31 @@ public:
         ttyPath = readSimLine(10);
     }
 
-    // The simulator with `simOptions`, and the daemon as a controller on it
-    // with a Kestrava.ini of the controller keys, then `ini`, then the
-    // home keys; waits until the daemon polls. The shutdown command records
-    // its runs (`date +%s.%N`) in "shutdown-runs".
+    // A home with "lock", "bin" (the fake `wall`, appending to "wall.txt")
+    // and "log", the shipped alert.rc and a `kestrava` link to the daemon;
+    // the simulator with `simOptions`, and the daemon as a controller on it
+    // with a Kestrava.ini of the controller keys, `ini` and the home keys.
+    // Waits until the daemon polls. The shutdown command records its runs
+    // (`date +%s.%N`) in "shutdown-runs".
     void startController(const std::vector<std::string>& simOptions, const std::string& ini)
     {
-        ASSERT_NO_FATAL_FAILURE(makeHome());
+        ASSERT_TRUE(mDir.made());
+        for (const char* d : {"lock", "bin", "log"})
+            mkdir((home + d).c_str(), 0755);
         startSimulator(simOptions);
         ASSERT_EQ(home + "ups", ttyPath) << "the simulator printed no device path";
-        writeHomeFiles("UPSController=1\nDeviceName=" + ttyPath + "\n" + ini +
-                           homeKeys(20000 + (getpid() % 10000) * 3) + "AccessCode1=\n",
-                       "#!/bin/sh\ndate +%s.%N >> " + home + "shutdown-runs\n");
+        // This home as the path, no meter log, the ports on the loopback.
+        const int port = 20000 + (getpid() % 10000) * 3;
+        writeFile(home + "Kestrava.ini",
+                  "UPSController=1\nDeviceName=" + ttyPath + "\n" + ini + "Path=" + home.substr(0, home.size() - 1) +
+                      "\nDumpLogRate=0\nDumpLogDays=30\nCuiPort=" + std::to_string(port) +
+                      "\nIPAddress=127.0.0.1\nCtrlPort1=" + std::to_string(port + 1) +
+                      "\nMemberPort=" + std::to_string(port + 2) + "\nAccessCode1=\n",
+                  0644);
+        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"), 0644);
+        writeFile(home + "shutdown.sh", "#!/bin/sh\ndate +%s.%N >> " + home + "shutdown-runs\n", 0755);
+        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
+        ASSERT_EQ(symlink((std::string(KESTRAVA_BINARY_DIR) + "/kestrava").c_str(), (home + "kestrava").c_str()), 0);
         startDaemon();
         ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
         ASSERT_TRUE(waitFor([&] { return findTaken(frameLog(), "35") >= 0; }, 90)) << "the daemon never polled";
