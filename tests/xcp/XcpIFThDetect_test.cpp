@@ -158,7 +158,7 @@ TEST_F(XcpDetectTest, CapabilitiesStepUpToTheFastestHigherSpeed)
     EXPECT_EQ(38400, port.getSpeed());
 }
 
-TEST_F(XcpDetectTest, DetectionRunsTheStepsAndRecordsTheIdentity)
+TEST_F(XcpDetectTest, DetectionRunsTheStepsRecordsTheIdentityAndStopsAtFailures)
 {
     EXPECT_EQ(0, link->detect());
     EXPECT_EQ(0, ups->portAlert());
@@ -175,11 +175,9 @@ TEST_F(XcpDetectTest, DetectionRunsTheStepsAndRecordsTheIdentity)
     for (const char* line : {"UPSFirmWare= 2.15(230-KS)", "UPSSerial= SN-0042", "ModelName= Test UPS 1500", "# test"})
         EXPECT_NE(std::string::npos, ini.find(line)) << line;
     EXPECT_EQ("SN-0042", config->getConf("UPSSerial"));
-}
 
-TEST_F(XcpDetectTest, DetectionStopsAtFailures)
-{
     // An outlet command that is not echoed ends detection with 7.
+    forget();
     port.queueReply(0x93, P::actionReply(0x89));
     EXPECT_EQ(7, link->detect());
     EXPECT_TRUE(port.framesWithCode(0x89).empty());
