@@ -15,7 +15,8 @@ public:
 
     virtual ~SerialPort() {}
 
-    // Opens the device for reading and writing, not as controlling terminal.
+    // Opens the device for reading and writing, not as controlling terminal,
+    // close-on-exec.
     // Returns a descriptor-like value (0 or more) or -1 on failure.
     virtual int open(const std::string& path) = 0;
     // Closes the device; harmless when it is not open.
@@ -32,7 +33,8 @@ public:
     virtual int getSpeed() const = 0;
 
     // Reads what has arrived, at most max bytes, without waiting: the count
-    // read, 0 when nothing has arrived, -1 on error.
+    // read, 0 when nothing has arrived, -1 on error (a device that went
+    // away: the link then opens it afresh at its next detection).
     virtual int read(unsigned char* buf, int max) = 0;
     // Writes in one call; the count written or -1.
     virtual int write(const unsigned char* buf, int count) = 0;

@@ -1,5 +1,6 @@
 #include "xcp/TermiosSerialPort.h"
 
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -41,7 +42,8 @@ int TermiosSerialPort::rateFor(speed_t speed)
 int TermiosSerialPort::open(const std::string& path)
 {
     close();
-    mFd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
+    // Close-on-exec: the commands the daemon runs must not inherit the line.
+    mFd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     return mFd;
 }
 
@@ -82,7 +84,10 @@ int TermiosSerialPort::read(unsigned char* buf, int max)
 {
     if (mFd < 0 || max <= 0)
         return mFd < 0 ? -1 : 0;
-    ssize_t n = ::read(mFd, buf, static_cast<size_t>(max));
+    ssize_t n;
+    do
+        n = ::read(mFd, buf, static_cast<size_t>(max));
+    while (n < 0 && errno == EINTR);
     return n < 0 ? -1 : static_cast<int>(n);
 }
 
@@ -90,7 +95,10 @@ int TermiosSerialPort::write(const unsigned char* buf, int count)
 {
     if (mFd < 0)
         return -1;
-    ssize_t n = ::write(mFd, buf, static_cast<size_t>(count));
+    ssize_t n;
+    do
+        n = ::write(mFd, buf, static_cast<size_t>(count));
+    while (n < 0 && errno == EINTR);
     return n < 0 ? -1 : static_cast<int>(n);
 }
 

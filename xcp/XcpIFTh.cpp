@@ -3,7 +3,9 @@
 // and collecting and checking the (possibly multi-frame) reply.
 #include "xcp/XcpIFTh.h"
 
+#include <cstdio>
 #include <cstring>
+#include <syslog.h>
 
 #include "config/FileMap.h"
 #include "control/Codes.h"
@@ -24,6 +26,12 @@ const int kFirstByteRetries = 40;
 const int kCollectReads = 10;
 const int kFrameRetries = 100;
 
+void logProblem(const char* text)
+{
+    fprintf(stderr, "kestrava: %s\n", text);
+    syslog(LOG_DAEMON | LOG_ERR, "%s", text);
+}
+
 unsigned char expectedBlock(unsigned char code)
 {
     if (code >= 0x31 && code <= 0x56)
@@ -37,7 +45,7 @@ unsigned char expectedBlock(unsigned char code)
 XcpIFTh::XcpIFTh(int number, StCTrl* ctrl, SerialPort* port, FileMap** config, UpsDataBlock** data, XcpTh* events,
                  Sleeper* sleeper)
     : tthread(number), mPortFd(-1), mMaxCommandLength(kInitialMaxCommandLength), mMaxReplyLength(kMaxReplyLength),
-      mCommand(1, static_cast<char>(kStartByte)), mBaudrate(0), mPort(port), mOwnsPort(port == nullptr), mCtrl(ctrl),
+      mCommand(1, static_cast<char>(kStartByte)), mBaudrate(0), mPortLost(false), mPort(port), mOwnsPort(port == nullptr), mCtrl(ctrl),
       mConfig(config), mData(data), mEvents(events), mSleeper(sleeper)
 {
     if (mOwnsPort)
@@ -99,18 +107,12 @@ void XcpIFTh::commStart()
         post(&nt);
         break;
     case EvUpsPowerOff:
-        // The UPS must get its stop; nothing is reported. An attempt that
-        // cannot reach the line pauses like a written one would.
-        for (;;) {
-            int r = upsStop();
-            if (r == XcpOk)
-                break;
-            if (r == XcpPortClosed)
-                pause(kWritePauseMs);
-        }
+        stopUps();
         break;
     case EvUpsRedetect:
-        if (mPortFd < 1) {
+        // A port lost under way is opened afresh by detection, which then
+        // finds the line speed again.
+        if (mPortFd < 1 && !mPortLost) {
             if (portOpen()) {
                 nt.code = NtUpsCommRestored;
                 if (ups)
@@ -134,6 +136,35 @@ void XcpIFTh::commStart()
     }
 }
 
+void XcpIFTh::stopUps()
+{
+    // The UPS must get its stop; nothing is reported. An attempt that
+    // cannot reach the line pauses like a written one would, and a line
+    // that went away is opened again at the speed it had.
+    for (;;) {
+        if (mPortLost) {
+            const int speed = mPort->getSpeed();
+            if (portOpen())
+                setBaudrate(speed);
+        }
+        int r = upsStop();
+        if (r == XcpOk)
+            return;
+        if (r == XcpTooLong) {
+            // The UPS takes no frame this long, and nothing can change its
+            // limit while the stop runs: retrying would only spin.
+            char text[160];
+            snprintf(text, sizeof text,
+                     "UPS stop not sent: the UPS accepts command frames of at most %u bytes",
+                     static_cast<unsigned>(mMaxCommandLength));
+            logProblem(text);
+            return;
+        }
+        if (r == XcpPortClosed)
+            pause(kWritePauseMs);
+    }
+}
+
 // ---------------------------------------------------------------- port
 
 int XcpIFTh::portOpen()
@@ -144,6 +175,7 @@ int XcpIFTh::portOpen()
     mPortFd = mPort->open(device);
     if (mPortFd < 0)
         return 0;
+    mPortLost = false;
     flush();
     if (!mPort->makeRaw())
         return 0;
@@ -204,7 +236,23 @@ int XcpIFTh::sendCommand(const char* bytes, int count)
             ups->setPortAlert(false);
         return XcpPortClosed;
     }
-    return mPort->write(reinterpret_cast<const unsigned char*>(bytes), count);
+    return portWrite(reinterpret_cast<const unsigned char*>(bytes), count);
+}
+
+int XcpIFTh::portRead(unsigned char* buf, int max)
+{
+    int n = mPort->read(buf, max);
+    if (n < 0)
+        mPortLost = true;
+    return n;
+}
+
+int XcpIFTh::portWrite(const unsigned char* buf, int count)
+{
+    int n = mPort->write(buf, count);
+    if (n < 0)
+        mPortLost = true;
+    return n;
 }
 
 unsigned char XcpIFTh::setCheckSum() const
@@ -227,7 +275,7 @@ int XcpIFTh::sendCommand()
     if (mCommand.size() > mMaxCommandLength)
         return XcpTooLong;
     const int size = static_cast<int>(mCommand.size());
-    int written = mPort->write(reinterpret_cast<const unsigned char*>(mCommand.data()), size);
+    int written = portWrite(reinterpret_cast<const unsigned char*>(mCommand.data()), size);
     pause(kWritePauseMs);
     return written == size ? XcpOk : XcpShortWrite;
 }
@@ -238,7 +286,7 @@ int XcpIFTh::readMore(unsigned char* buf, int* fill)
     // discards them.
     if (*fill >= mMaxReplyLength)
         return 0;
-    int n = mPort->read(buf + *fill, mMaxReplyLength - *fill);
+    int n = portRead(buf + *fill, mMaxReplyLength - *fill);
     if (n <= 0)
         return 0;
     *fill += n;

@@ -107,6 +107,9 @@ public:
 
     // ---- state, for the daemon's diagnostics and for tests ----
     int portDescriptor() const { return mPortFd; }
+    // True after a read or write on the open port failed: the device went
+    // away, and the next detection opens it afresh.
+    bool portLost() const { return mPortLost; }
     int currentBaudrate() const { return mBaudrate; }
     uint16_t maxCommandLength() const { return mMaxCommandLength; }
     void setMaxCommandLength(uint16_t length) { mMaxCommandLength = length; }
@@ -132,6 +135,11 @@ private:
     int actionCommand(unsigned char code, const std::string& args, bool always, bool check);
     // Appends bytes read from the port to the receive buffer; the count read.
     int readMore(unsigned char* buf, int* fill);
+    // Reads from or writes to the port, noting a failure as a lost port.
+    int portRead(unsigned char* buf, int max);
+    int portWrite(const unsigned char* buf, int count);
+    // The stop (event 202): repeated until the UPS accepts it.
+    void stopUps();
     void updateIdentity();
 
     // Link members.
@@ -141,6 +149,7 @@ private:
     const uint16_t mMaxReplyLength;
     std::string mCommand;
     int mBaudrate;
+    bool mPortLost;
 
     SerialPort* mPort;
     bool mOwnsPort;

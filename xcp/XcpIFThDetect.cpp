@@ -199,13 +199,13 @@ int XcpIFTh::plugAndPlay()
     // Collect the plug-and-play text until the line stays quiet.
     std::string text;
     unsigned char piece[kPnpPiece];
-    int n = mPort->read(piece, kPnpPiece);
+    int n = portRead(piece, kPnpPiece);
     while (n > 0) {
         text.append(reinterpret_cast<const char*>(piece), static_cast<size_t>(n));
         if (text.size() >= mMaxReplyLength)
             break;
         pause(100);
-        n = mPort->read(piece, kPnpPiece);
+        n = portRead(piece, kPnpPiece);
     }
     if (text.empty())
         return 6;
@@ -291,7 +291,7 @@ int XcpIFTh::standardIDBlockRequest()
 int XcpIFTh::detect()
 {
     UpsDataBlock* ups = data();
-    if (mPortFd < 1) {
+    if (mPortFd < 1 || mPortLost) {
         bool opened = portOpen() != 0;
         if (ups)
             ups->setPortAlert(opened);

@@ -4,11 +4,13 @@
 // shutdown command script, a fake `wall` first in PATH, a "log" directory,
 // and the pid file and lock directory moved inside through
 // KESTRAVA_PID_FILE, KESTRAVA_LOCK_DIR and KESTRAVA_SHUTDOWN_CMD.
-// It starts kestrava-upssim and reads the terminal path it prints, sends it
-// runtime commands, starts the daemon and reads its pid from the pid file,
-// and finish() ends both by pid with bounded waits. The home directory is
-// removed, or kept (and named on standard error) when the test failed.
-// Every wait is bounded and looks again every `pollMs`.
+// It starts kestrava-upssim behind a stable link ("<home>ups", the daemon's
+// device, which survives the simulator's hang-ups), sends it runtime
+// commands, reads its frame log, starts the daemon and reads its pid from
+// the pid file, reads the event log, and finish() ends both by pid with
+// bounded waits. The home directory is removed, or kept (and named on
+// standard error) when the test failed. Every wait is bounded and looks
+// again every `pollMs`.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,6 +19,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <string>
 #include <sys/select.h>
@@ -27,6 +32,20 @@
 
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/TempDir.h"
+
+// One line of the simulator's frame log: its wall-clock time, the kind
+// ("RX", "TX" or "NOTE") and the text after it ("AB 01 35 1F",
+// "AB 01 35 1F (ignored: silent)", "line speed 4800: answering").
+struct FrameLine {
+    double time;
+    std::string kind;
+    std::string text;
+    // A received frame the simulator took (answered, or took without an
+    // answer like the authentication).
+    bool taken() const { return kind == "RX" && text.find('(') == std::string::npos; }
+    // Command code of a received frame ("35").
+    std::string code() const { return kind == "RX" && text.size() >= 8 ? text.substr(6, 2) : std::string(); }
+};
 
 class DaemonSandbox {
 public:
@@ -48,42 +67,6 @@ public:
         return ::waitFor(cond, seconds, mPollMs);
     }
 
-    // The home directory with its "lock", "bin" and "log" directories.
-    void makeHome()
-    {
-        ASSERT_TRUE(mDir.made());
-        mkdir((home + "lock").c_str(), 0755);
-        mkdir((home + "bin").c_str(), 0755);
-        mkdir((home + "log").c_str(), 0755);
-    }
-
-    // The Kestrava.ini keys every sandboxed daemon needs: this home as its
-    // path, no meter log, and its console, controller and member ports on
-    // the loopback from `basePort` on.
-    std::string homeKeys(int basePort) const
-    {
-        return "Path=" + home.substr(0, home.size() - 1) + "\n" +
-               "DumpLogRate=0\n"
-               "DumpLogDays=30\n"
-               "CuiPort=" + std::to_string(basePort) + "\n" +
-               "IPAddress=127.0.0.1\n"
-               "CtrlPort1=" + std::to_string(basePort + 1) + "\n" +
-               "MemberPort=" + std::to_string(basePort + 2) + "\n";
-    }
-
-    // Kestrava.ini with `ini`, the shipped alert.rc, "shutdown.sh" with
-    // `shutdownScript`, the fake `wall` (appends its text to "wall.txt")
-    // and the `kestrava` symlink to the daemon.
-    void writeHomeFiles(const std::string& ini, const std::string& shutdownScript)
-    {
-        writeFile(home + "Kestrava.ini", ini, 0644);
-        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"), 0644);
-        writeFile(home + "shutdown.sh", shutdownScript, 0755);
-        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
-        std::string daemon = std::string(KESTRAVA_BINARY_DIR) + "/kestrava";
-        ASSERT_EQ(symlink(daemon.c_str(), (home + "kestrava").c_str()), 0);
-    }
-
     // Starts the simulator (frame log in `frames`, quiet, then `options`)
     // and reads the terminal path from its first line of output.
     void startSimulator(const std::vector<std::string>& options)
@@ -101,7 +84,7 @@ public:
             close(out[0]);
             close(out[1]);
             std::string bin = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-upssim";
-            std::vector<std::string> args = {bin, "--log", frames, "--quiet"};
+            std::vector<std::string> args = {bin, "--log", frames, "--quiet", "--link", home + "ups"};
             args.insert(args.end(), options.begin(), options.end());
             std::vector<char*> argv;
             for (std::string& a : args)
@@ -115,6 +98,82 @@ public:
         simIn = in[1];
         simOut = out[0];
         ttyPath = readSimLine(10);
+    }
+
+    // A home with "lock", "bin" (the fake `wall`, appending to "wall.txt")
+    // and "log", the shipped alert.rc and a `kestrava` link to the daemon;
+    // the simulator with `simOptions`, and the daemon as a controller on it
+    // with a Kestrava.ini of the controller keys, `ini` and the home keys.
+    // Waits until the daemon polls. The shutdown command records its runs
+    // (`date +%s.%N`) in "shutdown-runs".
+    void startController(const std::vector<std::string>& simOptions, const std::string& ini)
+    {
+        ASSERT_TRUE(mDir.made());
+        for (const char* d : {"lock", "bin", "log"})
+            mkdir((home + d).c_str(), 0755);
+        startSimulator(simOptions);
+        ASSERT_EQ(home + "ups", ttyPath) << "the simulator printed no device path";
+        // This home as the path, no meter log, the ports on the loopback.
+        const int port = 20000 + (getpid() % 10000) * 3;
+        writeFile(home + "Kestrava.ini",
+                  "UPSController=1\nDeviceName=" + ttyPath + "\n" + ini + "Path=" + home.substr(0, home.size() - 1) +
+                      "\nDumpLogRate=0\nDumpLogDays=30\nCuiPort=" + std::to_string(port) +
+                      "\nIPAddress=127.0.0.1\nCtrlPort1=" + std::to_string(port + 1) +
+                      "\nMemberPort=" + std::to_string(port + 2) + "\nAccessCode1=\n",
+                  0644);
+        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"), 0644);
+        writeFile(home + "shutdown.sh", "#!/bin/sh\ndate +%s.%N >> " + home + "shutdown-runs\n", 0755);
+        writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
+        ASSERT_EQ(symlink((std::string(KESTRAVA_BINARY_DIR) + "/kestrava").c_str(), (home + "kestrava").c_str()), 0);
+        startDaemon();
+        ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
+        ASSERT_TRUE(waitFor([&] { return findTaken(frameLog(), "35") >= 0; }, 90)) << "the daemon never polled";
+    }
+
+    std::vector<FrameLine> frameLog() const
+    {
+        std::vector<FrameLine> out;
+        for (const auto& line : readLines(frames)) {
+            // "YYYY-MM-DD HH:MM:SS.mmm KIND text"
+            struct tm tm;
+            memset(&tm, 0, sizeof tm);
+            int ms = 0, used = 0;
+            char kind[8] = {0};
+            if (sscanf(line.c_str(), "%d-%d-%d %d:%d:%d.%d %7s %n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
+                       &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &ms, kind, &used) < 8)
+                continue;
+            tm.tm_year -= 1900;
+            tm.tm_mon -= 1;
+            tm.tm_isdst = -1;
+            out.push_back({static_cast<double>(mktime(&tm)) + ms / 1000.0, kind, line.substr(used)});
+        }
+        return out;
+    }
+
+    // Index of the first taken frame with this code at or after `from`; -1 if none.
+    static int findTaken(const std::vector<FrameLine>& log, const std::string& code, size_t from = 0)
+    {
+        for (size_t i = from; i < log.size(); ++i)
+            if (log[i].taken() && log[i].code() == code)
+                return static_cast<int>(i);
+        return -1;
+    }
+
+    // The event log's lines (every monthly file), without their time stamps.
+    std::vector<std::string> eventLog() const
+    {
+        std::vector<std::string> all;
+        DIR* d = opendir((home + "log").c_str());
+        if (!d)
+            return all;
+        while (dirent* e = readdir(d)) {
+            std::string name = e->d_name;
+            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".log") == 0)
+                for (const auto& l : readLines(home + "log/" + name))
+                    all.push_back(l.size() > 20 ? l.substr(20) : l);  // "YYYY/MM/DD HH:MM:SS "
+        }
+        closedir(d);
+        return all;
     }
 
     // One line of the simulator's standard output, waiting at most `seconds`.
@@ -171,13 +230,7 @@ public:
         }
         // The daemon detaches: the started process returns soon, the daemon
         // lives on under the pid written to the pid file.
-        int status = 0;
-        waitFor([&] { return waitpid(starter, &status, WNOHANG) == starter; }, 20);
-        if (pidAlive(starter) && waitpid(starter, &status, WNOHANG) == 0) {
-            // Not detached after all: it is the daemon itself.
-            daemonPid = starter;
-            directChild = true;
-        }
+        EXPECT_NE(-1, waitBounded(starter, 20)) << "the daemon did not detach";
         waitFor(
             [&] {
                 auto l = readLines(home + "Kestrava.pid");
@@ -195,9 +248,9 @@ public:
         if (daemonPid <= 0)
             return;
         kill(daemonPid, SIGTERM);
-        if (!waitFor([&] { return !pidAlive(daemonPid) || reapedDirect(); }, 15)) {
+        if (!waitFor([&] { return !pidAlive(daemonPid); }, 15)) {
             kill(daemonPid, SIGKILL);
-            waitFor([&] { return !pidAlive(daemonPid) || reapedDirect(); }, 5);
+            waitFor([&] { return !pidAlive(daemonPid); }, 5);
         }
         daemonPid = -1;
     }
@@ -240,17 +293,10 @@ public:
     std::string ttyPath;
     pid_t simPid = -1;
     pid_t daemonPid = -1;
-    bool directChild = false; // the daemon did not detach: reap it ourselves
     int simIn = -1;
     int simOut = -1;
 
 private:
-    bool reapedDirect()
-    {
-        int status;
-        return directChild && waitpid(daemonPid, &status, WNOHANG) == daemonPid;
-    }
-
     TempDir mDir;
     int mPollMs;
     bool mFinished = false;

@@ -30,6 +30,7 @@ public:
     int openResult = 7;          // what open() gives (-1: fails)
     bool rawFails = false;
     bool readFails = false;      // read() returns -1
+    bool hungUp = false;         // read() and write() fail until the next open()
     int shortWriteBy = 0;        // write() takes this many bytes fewer
     bool dsrFollowsDtr = false;
     std::string pnpText;         // sent 100 ms after every DTR rise, when not empty
@@ -112,6 +113,7 @@ public:
     {
         openedPaths.push_back(path);
         mOpen = openResult >= 0;
+        hungUp = hungUp && !mOpen;
         return openResult;
     }
     void close() override { mOpen = false; }
@@ -125,7 +127,7 @@ public:
     int getSpeed() const override { return mSpeed; }
     int read(unsigned char* buf, int max) override
     {
-        if (readFails)
+        if (readFails || hungUp)
             return -1;
         int n = 0;
         for (auto it = mIncoming.begin(); n < max && it != mIncoming.end() && it->first <= mNow;) {
@@ -138,6 +140,8 @@ public:
     }
     int write(const unsigned char* buf, int count) override
     {
+        if (hungUp)
+            return -1;
         writes.emplace_back(reinterpret_cast<const char*>(buf), static_cast<size_t>(count));
         writeSpeeds.push_back(mSpeed);
         const int code = codeOf(writes.back());

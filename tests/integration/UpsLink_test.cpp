@@ -1,14 +1,16 @@
 // The UPS link end to end: the real daemon as a controller finds the UPS
-// simulator on a pseudo-terminal by hunting the line speed, steps the speed
-// up, records the UPS's identity in its configuration file, polls the UPS
-// block by block, reports a UPS that falls silent and takes it up again when
-// it answers. Everything runs in a temporary home directory with its own pid
-// file, lock directory, a harmless shutdown command and a fake `wall`.
-// The daemon's pauses are the real ones, so these tests take minutes.
+// simulator by hunting the line speed, steps the speed up, records the UPS's
+// identity in its configuration file and polls the UPS block by block; it
+// survives the faults the simulator plays (bad frames, silence, a line that
+// hangs up) with one event-log line per lost and re-established link, and an
+// identity that carries a line break adds no key to its configuration file.
+// Everything runs in a temporary home directory with its own pid file, lock
+// directory, a harmless shutdown command and a fake `wall`. The daemon's
+// pauses are the real ones, so these tests take minutes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -22,35 +24,10 @@ const char kAuthFrame[] = "AB 04 CF 69 E8 D5 5C";
 const char kStepUpTo19200[] = "AB 05 98 00 01 00 4B 6C";
 // The poll, block by block: "5", "4", "3", "A", ";".
 const std::vector<std::string> kPollCycle = {"35", "34", "33", "41", "3B"};
-
-// One line of the simulator's frame log without its time stamp:
-// kind "RX", "TX" or "NOTE", then the text ("AB 01 35 1F",
-// "AB 01 35 1F (ignored: silent)", "line speed 4800: answering").
-struct LogLine {
-    std::string kind;
-    std::string text;
-    // A received frame the simulator answered (or took, for frames without
-    // an answer such as the authentication).
-    bool taken() const { return kind == "RX" && text.find('(') == std::string::npos; }
-    // Command code of a received frame ("35").
-    std::string code() const { return kind == "RX" && text.size() >= 8 ? text.substr(6, 2) : std::string(); }
-};
-
-std::vector<LogLine> frameLog(const std::string& path)
-{
-    std::vector<LogLine> out;
-    for (const std::string& line : readLines(path)) {
-        // "YYYY-MM-DD HH:MM:SS.mmm KIND text"
-        if (line.size() < 25)
-            continue;
-        std::string rest = line.substr(24);
-        size_t space = rest.find(' ');
-        if (space == std::string::npos)
-            continue;
-        out.push_back({rest.substr(0, space), rest.substr(space + 1)});
-    }
-    return out;
-}
+const char kLost[] = "UPS communication error.";
+const char kBack[] = "UPS communication established.";
+// A quick UPS: found at the first rate tried, no step-up, no outlets.
+const std::vector<std::string> kQuickUps = {"--cap-speeds", "9600", "--outlets", "0"};
 
 // The line speed named in an "(ignored: line speed N not accepted)" suffix
 // or a "line speed N: answering" note; 0 when there is none.
@@ -66,41 +43,34 @@ protected:
 
     void TearDown() override { finish(HasFailure()); }
 
-    // Starts the simulator with the given options and the daemon on its
-    // terminal.
     void start(const std::vector<std::string>& simOptions)
     {
-        ASSERT_NO_FATAL_FAILURE(makeHome());
-        startSimulator(simOptions);
-        ASSERT_FALSE(ttyPath.empty()) << "the simulator printed no terminal path";
-        writeConfiguration();
-        startDaemon();
-        ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
+        startController(simOptions, "UPSFirmWare=\nUPSSerial=\nModelName=\nWinkTime1=600\nAppTermCommand1=true\n");
     }
 
-    void writeConfiguration()
+    // The event log's lines about the link.
+    std::vector<std::string> linkLines()
     {
-        const int base = 30000 + (getpid() % 10000) * 3;
-        std::ostringstream ini;
-        ini << "UPSController=1\n"
-            << "DeviceName=" << ttyPath << "\n"
-            << "UPSFirmWare=\n"
-            << "UPSSerial=\n"
-            << "ModelName=\n"
-            << "WinkTime1=600\n"
-            << "ShutdownTime1=10\n"
-            << "AppTermTimeOut1=30\n"
-            << "ShutdownDelay1=120\n"
-            << "AppTermCommand1=true\n"
-            << homeKeys(base)
-            << "GroupName=UpsLinkTest\n"
-            << "AccessCode1=\n";
-        writeHomeFiles(ini.str(), "#!/bin/sh\necho shutdown >> " + home + "shutdown-runs\n");
+        std::vector<std::string> out;
+        for (const std::string& l : eventLog())
+            if (l.find("UPS communication") != std::string::npos)
+                out.push_back(l);
+        return out;
+    }
+
+    // Plays a fault and waits for the link to be lost and re-established.
+    void loseAndRecover(const std::string& fault)
+    {
+        const size_t before = linkLines().size();
+        ASSERT_TRUE(simCommand(fault)) << fault;
+        ASSERT_TRUE(waitFor([&] { return linkLines().size() >= before + 2; }, 60))
+            << fault << ": link not lost and re-established; " << ::testing::PrintToString(linkLines());
     }
 
     // Codes of the frames the simulator took, from log line `from` on.
-    std::vector<std::string> takenCodes(const std::vector<LogLine>& log, size_t from = 0)
+    std::vector<std::string> takenCodes(size_t from = 0)
     {
+        auto log = frameLog();
         std::vector<std::string> out;
         for (size_t i = from; i < log.size(); ++i)
             if (log[i].taken())
@@ -108,144 +78,128 @@ protected:
         return out;
     }
 
-    // Index of the first taken frame with this code at or after `from`; -1 if none.
-    int findTaken(const std::vector<LogLine>& log, const std::string& code, size_t from = 0)
+    // Waits until the frames taken after `from` hold `cycles` whole polls,
+    // then checks that from the first "5" on they are poll cycles in order.
+    ::testing::AssertionResult pollsInOrder(size_t from, long cycles)
     {
-        for (size_t i = from; i < log.size(); ++i)
-            if (log[i].taken() && log[i].code() == code)
-                return static_cast<int>(i);
-        return -1;
-    }
-
-    // Number of taken "5" requests at or after `from`.
-    int pollsSince(size_t from)
-    {
-        auto codes = takenCodes(frameLog(frames), from);
-        int n = 0;
-        for (const std::string& c : codes)
-            n += c == "35" ? 1 : 0;
-        return n;
-    }
-
-    // True when the codes (from the first "5" on) are whole poll cycles in
-    // order, possibly ending with a partial one, with at least `cycles`
-    // complete ones.
-    static ::testing::AssertionResult pollsInOrder(const std::vector<std::string>& codes, int cycles)
-    {
-        size_t start = 0;
-        while (start < codes.size() && codes[start] != "35")
-            ++start;
-        if (start == codes.size())
-            return ::testing::AssertionFailure() << "no poll at all";
-        int complete = 0;
-        for (size_t i = start; i < codes.size(); ++i) {
-            const std::string& want = kPollCycle[(i - start) % kPollCycle.size()];
-            if (codes[i] != want)
-                return ::testing::AssertionFailure() << "frame " << (i - start) << " of the polls is " << codes[i]
-                                                     << ", expected " << want;
-            if ((i - start) % kPollCycle.size() == kPollCycle.size() - 1)
-                ++complete;
-        }
-        if (complete < cycles)
-            return ::testing::AssertionFailure() << "only " << complete << " complete poll cycles";
+        std::vector<std::string> codes;
+        waitFor(
+            [&] {
+                codes = takenCodes(from);
+                return std::count(codes.begin(), codes.end(), "3B") >= cycles;
+            },
+            60);
+        std::vector<std::string> polls(std::find(codes.begin(), codes.end(), "35"), codes.end()), expected;
+        while (expected.size() < polls.size())
+            expected.insert(expected.end(), kPollCycle.begin(), kPollCycle.end());
+        expected.resize(polls.size());
+        if (polls != expected || std::count(polls.begin(), polls.end(), "3B") < cycles)
+            return ::testing::AssertionFailure() << ::testing::PrintToString(polls);
         return ::testing::AssertionSuccess();
     }
 
     std::string upsCommText() { return readFile(home + "upsCommInfo.tmp"); }
 };
 
-TEST_F(UpsLink, HuntsStepsUpIdentifiesPollsAndRecoversFromSilence)
+TEST_F(UpsLink, HuntsStepsUpIdentifiesAndPolls)
 {
     start({"--speeds", "4800"});
     if (HasFatalFailure())
         return;
 
     // Detection: four rates without an answer, then 4800.
-    ASSERT_TRUE(waitFor([&] { return findTaken(frameLog(frames), "CF") >= 0; }, 90))
-        << "the daemon never reached the UPS at its speed";
-    auto log = frameLog(frames);
+    auto log = frameLog();
     std::vector<int> tried;
     int lastNoted = 0;
-    for (const LogLine& l : log) {
+    for (const FrameLine& l : log) {
         if (l.kind == "NOTE" && l.text.find(": answering") != std::string::npos)
             lastNoted = speedIn(l.text);
         if (l.kind == "RX" && l.text.rfind(kAuthFrame, 0) == 0) {
-            if (l.taken()) {
-                tried.push_back(lastNoted);
+            tried.push_back(l.taken() ? lastNoted : speedIn(l.text));
+            if (l.taken())
                 break;
-            }
-            tried.push_back(speedIn(l.text));
         }
     }
     EXPECT_EQ(std::vector<int>({9600, 2400, 1200, 19200, 4800}), tried);
 
-    // Identity written into the configuration file.
-    ASSERT_TRUE(waitFor([&] { return readFile(home + "Kestrava.ini").find("ModelName= K") != std::string::npos; }, 90))
-        << "the identity never reached Kestrava.ini";
+    // One step-up, to the fastest speed offered; everything after it answered at 19200.
+    std::vector<std::string> stepUps;
+    for (const FrameLine& l : log)
+        if (l.kind == "RX" && l.code() == "98")
+            stepUps.push_back(l.text);
+    EXPECT_EQ(std::vector<std::string>{kStepUpTo19200}, stepUps);
+    EXPECT_EQ(std::string::npos, log.back().text.find("ignored"));
+
     std::string ini = readFile(home + "Kestrava.ini");
     EXPECT_NE(std::string::npos, ini.find("UPSFirmWare= 2.15(230-KS)\n")) << ini;
     EXPECT_NE(std::string::npos, ini.find("UPSSerial= KS15SIM000000001\n")) << ini;
     EXPECT_NE(std::string::npos, ini.find("ModelName= Kestrava SimUPS 1500\n")) << ini;
 
-    // The capabilities raised the line to 19200.
-    log = frameLog(frames);
-    int stepUp = -1;
-    for (size_t i = 0; i < log.size(); ++i)
-        if (log[i].taken() && log[i].text == kStepUpTo19200)
-            stepUp = static_cast<int>(i);
-    EXPECT_GE(stepUp, 0) << "no step-up to 19200";
-
-    // Polling, poll after poll, in the block order.
     const int detected = findTaken(log, "89");
     ASSERT_GE(detected, 0) << "detection did not reach the outlet commands";
-    ASSERT_TRUE(waitFor([&] { return pollsSince(static_cast<size_t>(detected)) >= 3; }, 60))
-        << "fewer than three polls after detection";
-    EXPECT_TRUE(pollsInOrder(takenCodes(frameLog(frames), static_cast<size_t>(detected) + 1), 2));
+    EXPECT_TRUE(pollsInOrder(static_cast<size_t>(detected) + 1, 2));
     EXPECT_NE(std::string::npos, upsCommText().find("UPS Monitor Established")) << upsCommText();
+}
 
-    // The UPS falls silent: communication error.
-    ASSERT_TRUE(simCommand("silent on"));
-    ASSERT_TRUE(waitFor([&] { return upsCommText().find("UPS Communication Error") != std::string::npos; }, 40))
-        << "no communication error reported; text: " << upsCommText();
+// Bad checksum, wrong sequence number and a truncated reply each lose the
+// link once; a reply split by a pause the daemon waits out loses nothing.
+TEST_F(UpsLink, FramingFaultsLoseTheLinkOnceEachAndLoseNothing)
+{
+    start(kQuickUps);
+    if (HasFatalFailure())
+        return;
+    const std::string ini = readFile(home + "Kestrava.ini");
+    for (const char* fault : {"fault checksum", "fault sequence", "fault truncate"})
+        ASSERT_NO_FATAL_FAILURE(loseAndRecover(fault));
+    const size_t mark = frameLog().size();
+    ASSERT_TRUE(simCommand("fault split 1500"));
+    EXPECT_TRUE(pollsInOrder(mark, 1));
 
-    // It speaks again: detected again, polling resumes.
-    const size_t quietEnd = frameLog(frames).size();
-    ASSERT_TRUE(simCommand("silent off"));
-    ASSERT_TRUE(waitFor([&] { return upsCommText().find("UPS Communication Established") != std::string::npos; },
-                        120))
-        << "communication never restored; text: " << upsCommText();
-    log = frameLog(frames);
-    const int again = findTaken(log, "89", quietEnd);
-    ASSERT_GE(again, 0) << "no new detection after the silence";
-    EXPECT_GE(findTaken(log, "A0", quietEnd), 0);
-    ASSERT_TRUE(waitFor([&] { return pollsSince(static_cast<size_t>(again)) >= 2; }, 60))
-        << "polling did not resume";
-    EXPECT_TRUE(pollsInOrder(takenCodes(frameLog(frames), static_cast<size_t>(again) + 1), 1));
+    auto log = frameLog();
+    int split = -1;
+    for (size_t i = mark; i < log.size(); ++i)
+        if (log[i].kind == "NOTE" && log[i].text.find("reply split") != std::string::npos)
+            split = static_cast<int>(i);
+    EXPECT_GE(split, 0) << "the split reply was never played";
+    EXPECT_EQ(std::vector<std::string>({kBack, kLost, kBack, kLost, kBack, kLost, kBack}), linkLines());
+    EXPECT_EQ("UPS Communication Established\n", upsCommText());
+    EXPECT_EQ(ini, readFile(home + "Kestrava.ini"));
     EXPECT_TRUE(pidAlive(daemonPid));
 }
 
-TEST_F(UpsLink, StepsUpOnlyToTheFastestOfferedSpeed)
+// A UPS that stops answering, and a line that hangs up (the device gone
+// for a while, then back under the same path): lost once, back once each.
+TEST_F(UpsLink, SilenceAndHangUpLoseTheLinkOnceEach)
 {
-    start({"--speeds", "9600", "--cap-speeds", "2400,9600,19200"});
+    start(kQuickUps);
     if (HasFatalFailure())
         return;
-    ASSERT_TRUE(waitFor([&] { return findTaken(frameLog(frames), "35") >= 0; }, 90))
-        << "the daemon never polled the UPS";
-    auto log = frameLog(frames);
-    std::vector<std::string> stepUps;
-    for (const LogLine& l : log)
-        if (l.kind == "RX" && l.code() == "98")
-            stepUps.push_back(l.text);
-    ASSERT_EQ(1u, stepUps.size());
-    EXPECT_EQ(kStepUpTo19200, stepUps[0]);
-    // Everything after the step-up went at 19200 and was answered.
-    bool at19200 = false;
-    for (const LogLine& l : log) {
-        if (l.kind == "NOTE" && speedIn(l.text) != 0)
-            at19200 = speedIn(l.text) == 19200 && l.text.find(": answering") != std::string::npos;
-    }
-    EXPECT_TRUE(at19200);
-    EXPECT_EQ(std::string::npos, log.back().text.find("ignored"));
+    ASSERT_NO_FATAL_FAILURE(loseAndRecover("fault silent 2"));
+    const size_t mark = frameLog().size();
+    ASSERT_NO_FATAL_FAILURE(loseAndRecover("hangup 7000"));
+    EXPECT_TRUE(pollsInOrder(mark, 1));
+
+    EXPECT_EQ(std::vector<std::string>({kBack, kLost, kBack, kLost, kBack}), linkLines());
+    EXPECT_EQ("UPS Communication Established\n", upsCommText());
+    EXPECT_TRUE(pidAlive(daemonPid));
+}
+
+// A model name carrying a line break and a key of its own is not written
+// into the configuration file, so it cannot add a command to run.
+TEST_F(UpsLink, IdentityWithALineBreakAddsNoKey)
+{
+    start({"--cap-speeds", "9600", "--outlets", "0", "--model", "SimUPS\\r\\nAppTermCommand1=echo injected"});
+    if (HasFatalFailure())
+        return;
+    std::vector<std::string> keys;
+    for (const std::string& l : readLines(home + "Kestrava.ini"))
+        keys.push_back(l.substr(0, l.find('=')));
+    EXPECT_EQ(std::vector<std::string>({"UPSController", "DeviceName", "UPSFirmWare", "UPSSerial", "ModelName",
+                                        "WinkTime1", "AppTermCommand1", "Path", "DumpLogRate", "DumpLogDays",
+                                        "CuiPort", "IPAddress", "CtrlPort1", "MemberPort", "AccessCode1"}),
+              keys);
+    EXPECT_NE(std::string::npos, readFile(home + "Kestrava.ini").find("\nAppTermCommand1=true\n"));
+    EXPECT_TRUE(pidAlive(daemonPid));
 }
 
 } // namespace

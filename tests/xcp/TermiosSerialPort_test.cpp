@@ -37,6 +37,7 @@ TEST(TermiosSerialPortTest, RawLineOnAPseudoTerminal)
     EXPECT_FALSE(port.isOpen());
     const int fd = port.open(ptsname(master));
     ASSERT_GE(fd, 0);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);  // commands run later must not inherit it
     ASSERT_TRUE(port.makeRaw());
 
     termios t;

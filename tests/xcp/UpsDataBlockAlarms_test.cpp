@@ -27,24 +27,6 @@ void poll(UpsDataBlock& d, int s56, int s57, int s59, int ups = 0)
     d.checkAlarm(ups);
 }
 
-TEST(UpsDataBlockAlarmsTest, MapBitsSelectTheStateBytes)
-{
-    ManualClock clock;
-    UpsDataBlock d(&clock);
-    const unsigned char map[1] = {0x81};
-    d.setAlarmNo(map, 1, 0);
-    const unsigned char states[2] = {0x00, 0x01};
-    d.setActionLevel(states, 2, 0);
-    EXPECT_FALSE(d.isAlarmActive(0, 0));
-    EXPECT_TRUE(d.isAlarmActive(7, 0));
-    d.checkAlarm(0);
-    EXPECT_EQ(std::vector<int>({307}), codes(d));
-    EXPECT_TRUE(d.alarmsChanged());
-    EXPECT_EQ(clock.now(), *d.getAlertTime(7));
-    EXPECT_EQ(0, *d.getAlertTime(0));
-    EXPECT_EQ(nullptr, d.getAlertTime(3));
-}
-
 TEST(UpsDataBlockAlarmsTest, ChangesAreReportedOnceWithTheirCodes)
 {
     ManualClock clock(1000);
@@ -71,22 +53,22 @@ TEST(UpsDataBlockAlarmsTest, ChangesAreReportedOnceWithTheirCodes)
     poll(d, 0, 0, 0);
     EXPECT_EQ(std::vector<int>({17, 657}), codes(d));
     EXPECT_TRUE(d.isUtilityNotParent(0));
-}
 
-TEST(UpsDataBlockAlarmsTest, AlarmsTwoTwentyEightAndNineClearAlike)
-{
-    ManualClock clock;
-    UpsDataBlock d(&clock);
-    unsigned char map[29] = {};
-    map[28] = 0x30;  // 228, 229
-    d.setAlarmNo(map, 29, 0);
-    const unsigned char on[2] = {1, 1};
-    d.setActionLevel(on, 2, 0);
-    d.checkAlarm(0);
-    EXPECT_EQ(std::vector<int>({528, 529}), codes(d));
-    d.setActionLevel(nullptr, 0, 0);
-    d.checkAlarm(0);
-    EXPECT_EQ(std::vector<int>({829, 829}), codes(d));
+    // Map bits select the state bytes: alarms 0 and 7, and 228 and 229
+    // whose clear codes are both 829.
+    UpsDataBlock m(&clock);
+    unsigned char map[29] = {0x81};
+    map[28] = 0x30;
+    m.setAlarmNo(map, 29, 0);
+    const unsigned char on[4] = {0, 1, 1, 1};
+    m.setActionLevel(on, 4, 0);
+    m.checkAlarm(0);
+    EXPECT_FALSE(m.isAlarmActive(0, 0));
+    EXPECT_EQ(std::vector<int>({307, 528, 529}), codes(m));
+    EXPECT_EQ(nullptr, m.getAlertTime(3));
+    m.setActionLevel(nullptr, 0, 0);
+    m.checkAlarm(0);
+    EXPECT_EQ(std::vector<int>({607, 829, 829}), codes(m));
 }
 
 TEST(UpsDataBlockAlarmsTest, UpsIndexesAreKeptApartAndMapsBounded)
@@ -171,9 +153,7 @@ TEST(UpsDataBlockAlarmsTest, MeterTexts)
     // The last meter absent keeps its comma; an absent middle meter reads NoData.
     identify({56, 78, 27, 21});
     EXPECT_EQ("\"0.0\",\"0.0\",\"NoData\",\"0.0\",\"0.0\",\"NoData\",", d.getMeterMessage());
-
-    // The member side copies a controller's values to its index.
-    int32_t copied[256] = {};
+    int32_t copied[256] = {};  // the member side copies a controller's values to its index
     copied[56] = 23456;
     d.setMeterValues(copied, 256, 3);
     EXPECT_EQ(23456, d.meterValue(56, 3));

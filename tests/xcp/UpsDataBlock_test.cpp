@@ -34,7 +34,7 @@ protected:
     XcpUpsScript ups;
 };
 
-TEST_F(UpsDataBlockTest, IdentificationFirmwareRatingAndFields)
+TEST_F(UpsDataBlockTest, IdentificationFieldsAndMalformedBlocks)
 {
     // One firmware entry: no running version; rating byte 0: the next two bytes times 50.
     d.setStandardIDBlock(P::bytes({1, 0x10, 0x01, 0x00, 0x40, 0x01, 1, 2}));
@@ -56,23 +56,21 @@ TEST_F(UpsDataBlockTest, IdentificationFirmwareRatingAndFields)
     EXPECT_EQ(0x100, id.idWords[2]);
     EXPECT_NE(nullptr, d.getAlertTime(59));  // the alarm map went to UPS 0's tracking
     EXPECT_EQ(nullptr, d.getAlertTime(58));
-}
 
-TEST_F(UpsDataBlockTest, MalformedIdentificationStaysInBounds)
-{
     const std::string full = ups.identification();
     for (size_t n = 0; n <= full.size(); ++n) {  // every prefix, without reading past its end
         UpsDataBlock cut(&clock);
         cut.setStandardIDBlock(full.substr(0, n));
     }
     // A length byte pointing past the end: the field is cut, nothing after it is read.
-    d.setStandardIDBlock(P::bytes({1, 0, 0, 5, 1, 1, 200, 'a', 'b'}));
-    EXPECT_EQ("ab", d.getUnitName());
-    EXPECT_TRUE(d.meterMap().empty());
+    UpsDataBlock m(&clock);
+    m.setStandardIDBlock(P::bytes({1, 0, 0, 5, 1, 1, 200, 'a', 'b'}));
+    EXPECT_EQ("ab", m.getUnitName());
+    EXPECT_TRUE(m.meterMap().empty());
     // A firmware count pointing past the end leaves everything as it was.
-    d.setStandardIDBlock(P::bytes({200, 1, 2}));
-    EXPECT_EQ("ab", d.getUnitName());
-    EXPECT_EQ(5000, d.rating());
+    m.setStandardIDBlock(P::bytes({200, 1, 2}));
+    EXPECT_EQ("ab", m.getUnitName());
+    EXPECT_EQ(5000, m.rating());
 }
 
 TEST_F(UpsDataBlockTest, ConfigurationAndLimitsWithinTheAnnouncedLength)
@@ -103,19 +101,15 @@ TEST_F(UpsDataBlockTest, ConfigurationAndLimitsWithinTheAnnouncedLength)
 
 TEST_F(UpsDataBlockTest, TopologyCodes)
 {
-    const std::pair<std::string, int> cases[] = {{P::bytes({0x21, 0x00, 0x01}), 0},
-                                                 {P::bytes({0x10, 0x00, 0x01}), 7},
-                                                 {P::bytes({0x30, 0x00, 0x01}), 3},
-                                                 {P::bytes({0x21, 0x00}), 3}};
-    for (const auto& c : cases) {
+    // 0x20-0x22 give 0, 0x10-0x12 give 7, anything else (or a short block) 3,
+    // or 2 with the configuration flag set.
+    for (auto c : {std::make_pair(P::bytes({0x21, 0, 1}), 0), std::make_pair(P::bytes({0x10, 0, 1}), 7),
+                   std::make_pair(P::bytes({0x30, 0, 1}), 3), std::make_pair(P::bytes({0x21, 0}), 3)}) {
         d.setUpsTopology(c.first);
         EXPECT_EQ(c.second, d.topologyCode()) << P::hex(c.first);
     }
-    // With the configuration flag set the fallback is 2.
     d.setStandardIDBlock(ups.identification());
-    std::string cfg = ups.configuration();
-    cfg[16] = 1;
-    d.setConfigBlock(cfg);
+    d.setConfigBlock(ups.configuration().replace(16, 1, "\x01"));
     d.setUpsTopology("");
     EXPECT_EQ(2, d.topologyCode());
 }

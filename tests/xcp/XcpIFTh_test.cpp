@@ -195,13 +195,12 @@ TEST_F(XcpLinkTest, DetectAndPollEventsReportTheOutcome)
     EXPECT_EQ(1800000000, ups->commAlertTime());
 }
 
-TEST_F(XcpLinkTest, RedetectEventOpensThePortOrDetects)
+TEST_F(XcpLinkTest, RedetectEventOpensThePortOrDetectsAndReopensALostOne)
 {
     ctrl->Set_State_UPS(3);
     port.openResult = -1;
     EXPECT_TRUE(runStarts(203, 1));  // open fails: 2005, detect timer again
     EXPECT_EQ(1, ups->portAlert());
-    EXPECT_EQ(3, ctrl->GetStateUPS());
     port.openResult = 7;
     EXPECT_TRUE(runStarts(203, 2));  // opened: 2006 restores the link without detection
     EXPECT_EQ(0, ups->portAlert());
@@ -211,13 +210,33 @@ TEST_F(XcpLinkTest, RedetectEventOpensThePortOrDetects)
     // Port open: detection decides.
     ctrl->Set_State_UPS(3);
     EXPECT_TRUE(runStarts(203, 1));  // silent UPS: 2005
-    EXPECT_EQ(3, ctrl->GetStateUPS());
     XcpUpsScript script;
     script.install(port);
-    ups->setCommAlert(false);
     EXPECT_TRUE(runStarts(203, 2));
     EXPECT_EQ(2, ctrl->GetStateUPS());
-    EXPECT_EQ(0, ups->commAlert());
+
+    // Unplugged: the descriptor only fails from now on. Detection opens the
+    // device afresh, until it is back.
+    port.hungUp = true;
+    EXPECT_TRUE(runStarts(201, 1));
+    EXPECT_EQ(3, ctrl->GetStateUPS());
+    EXPECT_TRUE(link->portLost());
+    port.openResult = -1;
+    EXPECT_TRUE(runStarts(203, 1));
+    EXPECT_EQ(3u, port.openedPaths.size());
+    EXPECT_EQ(1, ups->portAlert());
+    port.openResult = 7;
+    EXPECT_TRUE(runStarts(203, 2));
+    EXPECT_EQ(4u, port.openedPaths.size());
+    EXPECT_EQ(2, ctrl->GetStateUPS());
+    EXPECT_EQ(0, ups->portAlert());
+
+    // The stop opens a lost line again at the speed it had.
+    port.hungUp = true;
+    EXPECT_TRUE(run(202).empty());
+    EXPECT_EQ(5u, port.openedPaths.size());
+    EXPECT_EQ(19200, port.writeSpeeds.back());
+    EXPECT_EQ(1u, port.framesWithCode(0x8A).size());
 }
 
 TEST_F(XcpLinkTest, StopEventRepeatsUntilAcceptedAndPostsNothing)

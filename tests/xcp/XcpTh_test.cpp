@@ -1,5 +1,6 @@
 // The XCP event thread: events for the UPS link move from the controller
-// queue into the link's own queue, first in, first out.
+// queue into the link's own queue, first in, first out, and a waiting
+// reader wakes when one arrives.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,23 +14,7 @@
 #include "xcp/XcpTh.h"
 
 namespace {
-TEST(XcpThTest, QueueIsFirstInFirstOut)
-{
-    ManualClock clock;
-    FileMap config;
-    StCTrl ctrl(&clock, &config);
-    XcpTh xcp(2, &ctrl);
-    xcp.setXcpEvent(200);
-    xcp.setXcpEvent(201);
-    xcp.setXcpEvent(203);
-    EXPECT_EQ(3u, xcp.pendingEvents());
-    EXPECT_EQ(200, xcp.getXcpEvent());
-    EXPECT_EQ(201, xcp.getXcpEvent());
-    EXPECT_EQ(203, xcp.getXcpEvent());
-    EXPECT_EQ(0u, xcp.pendingEvents());
-}
-
-TEST(XcpThTest, ForwardsEventsAddressedToItsNumber)
+TEST(XcpThTest, ForwardsItsEventsFirstInFirstOut)
 {
     ManualClock clock;
     FileMap config;
@@ -38,27 +23,22 @@ TEST(XcpThTest, ForwardsEventsAddressedToItsNumber)
     EVENTMSGINFO ev;
     memset(&ev, 0, sizeof ev);
     ev.to = 2;
-    ev.code = EvUpsPoll;
-    ctrl.SetEvent(&ev);
-    ev.code = EvUpsPowerOff;
-    ctrl.SetEvent(&ev);
-    xcp.forwardOne();
-    xcp.forwardOne();
-    EXPECT_EQ(201, xcp.getXcpEvent());
-    EXPECT_EQ(202, xcp.getXcpEvent());
+    for (int code : {EvUpsPoll, EvUpsPowerOff}) {
+        ev.code = code;
+        ctrl.SetEvent(&ev);
+        xcp.forwardOne();
+    }
+    xcp.setXcpEvent(EvUpsDetect);
     EXPECT_EQ(0u, ctrl.queuedEvents());
-}
+    EXPECT_EQ(EvUpsPoll, xcp.getXcpEvent());
+    EXPECT_EQ(EvUpsPowerOff, xcp.getXcpEvent());
+    EXPECT_EQ(EvUpsDetect, xcp.getXcpEvent());
+    EXPECT_EQ(0u, xcp.pendingEvents());
 
-TEST(XcpThTest, WaitingReaderWakesOnANewEvent)
-{
-    ManualClock clock;
-    FileMap config;
-    StCTrl ctrl(&clock, &config);
-    XcpTh xcp(2, &ctrl);
     std::atomic<int> got{0};
     std::thread reader([&] { got = xcp.getXcpEvent(); });
-    xcp.setXcpEvent(200);
+    xcp.setXcpEvent(EvUpsRedetect);
     reader.join();  // returns once the event is queued (bounded by the 5 s timed wait at worst)
-    EXPECT_EQ(200, got.load());
+    EXPECT_EQ(EvUpsRedetect, got.load());
 }
 } // namespace

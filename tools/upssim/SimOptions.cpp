@@ -71,6 +71,30 @@ bool SimOptions::parseInt(const std::string& text, int lo, int hi, int* out) {
     return true;
 }
 
+bool SimOptions::unescape(const std::string& text, std::string* out, std::string* error) {
+    out->clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            *out += text[i];
+            continue;
+        }
+        char c = i + 1 < text.size() ? text[++i] : '\0';
+        uint8_t v = 0;
+        if (c == 'r') *out += '\r';
+        else if (c == 'n') *out += '\n';
+        else if (c == 't') *out += '\t';
+        else if (c == '\\') *out += '\\';
+        else if (c == 'x' && i + 2 < text.size() && parseHexByte(text.substr(i + 1, 2), 2, &v)) {
+            *out += static_cast<char>(v);
+            i += 2;
+        } else {
+            *error = "bad escape in \"" + text + "\" (\\r \\n \\t \\\\ \\xHH)";
+            return false;
+        }
+    }
+    return true;
+}
+
 bool SimOptions::parseSpeedList(const std::string& text, std::vector<int>* out,
                                 std::string* error) {
     std::vector<std::string> items;
@@ -143,8 +167,8 @@ std::string SimOptions::usage(const char* program) {
     o << "Usage: " << program << " [options]\n"
       << "\n"
       << "Simulates a UPS that speaks XCP on a pseudo-terminal. The first line\n"
-      << "printed on standard output is the path of the terminal to give the\n"
-      << "daemon as DeviceName. The simulator answers only while the line speed\n"
+      << "printed on standard output is the path of the terminal (or the --link\n"
+      << "path) to give the daemon as DeviceName. The simulator answers only while the line speed\n"
       << "set on that terminal is one it accepts, and stays silent otherwise\n"
       << "(always at speed 0).\n"
       << "\n"
@@ -152,6 +176,9 @@ std::string SimOptions::usage(const char* program) {
       << "  --model TEXT           unit name in the identification block\n"
       << "                         (default \"Kestrava SimUPS 1500\", at most 63 chars)\n"
       << "  --serial TEXT          serial number, at most 16 chars (default KS15SIM000000001)\n"
+      << "  --second-text TEXT     second identification text (default KS-SIM-1500)\n"
+      << "                         In these three texts \\r, \\n, \\t, \\\\ and \\xHH stand\n"
+      << "                         for the byte, e.g. --model 'UPS\\r\\nAppTermCommand1=x'\n"
       << "  --firmware X.YY        firmware version, two hex numbers (default 2.15)\n"
       << "  --rating VA            rating in volt-amperes (default 1500)\n"
       << "  --outlets N            number of outlet segments, 0..16 (default 2)\n"
@@ -177,6 +204,8 @@ std::string SimOptions::usage(const char* program) {
       << "  --control PATH         unix-domain stream socket accepting the runtime\n"
       << "                         commands below, one per line, one reply line each\n"
       << "  --pidfile FILE         write the process id there (removed at exit)\n"
+      << "  --link PATH            keep a symbolic link PATH to the terminal (re-pointed\n"
+      << "                         after a hang-up) and print PATH instead of the terminal\n"
       << "  --verbose              also print the frame log on standard error\n"
       << "  --quiet                do not print notes on standard error\n"
       << "  --help                 this text\n"
@@ -190,6 +219,20 @@ std::string SimOptions::usage(const char* program) {
       << "                                or at once with \"now\"\n"
       << "  delay MS                      answer MS milliseconds late (0: at once)\n"
       << "  speeds LIST                   replace the accepted line speeds\n"
+      << "  fault checksum [N]            the next N replies (default 1) carry a wrong\n"
+      << "                                checksum in their first frame\n"
+      << "  fault sequence [N]            ... a wrong sequence number in their first frame\n"
+      << "  fault truncate [N]            ... only the header and half the data of their\n"
+      << "                                first frame; the rest is never sent\n"
+      << "  fault split MS [N]            ... sent in two parts (after the header and half\n"
+      << "                                the data of the first frame), MS ms apart\n"
+      << "  fault silent N                the next N command frames (the authentication\n"
+      << "                                included) are not heard\n"
+      << "  fault off                     drop a fault not yet played\n"
+      << "                                (one fault at a time; a new one replaces it)\n"
+      << "  hangup [MS]                   close the terminal (the host's line hangs up),\n"
+      << "                                remove the --link, and MS ms later (default\n"
+      << "                                1000) open a new terminal and point the link at it\n"
       << "  meter N VALUE                 set the value of present meter N\n"
       << "  status                        one line: speed, state, alarms, counters\n"
       << "  help                          list the commands\n"
@@ -223,7 +266,7 @@ bool SimOptions::parse(int argc, char** argv, SimOptions* out, std::string* erro
             "--model", "--serial", "--firmware", "--rating", "--outlets", "--topology",
             "--limits-code", "--speeds", "--cap-speeds", "--max-command-length",
             "--frame-size", "--commands", "--command-count", "--supported-alarms",
-            "--alarms", "--log", "--control", "--pidfile"};
+            "--alarms", "--log", "--control", "--pidfile", "--link", "--second-text"};
         bool known = false;
         for (const char* k : kWithValue) known = known || name == k;
         if (!known) {
@@ -239,12 +282,20 @@ bool SimOptions::parse(int argc, char** argv, SimOptions* out, std::string* erro
         }
         int n = 0;
         std::vector<int> ints;
+        std::string text;
+        if ((flag("--model") || flag("--serial") || flag("--second-text")) && !unescape(value, &text, error)) {
+            *error = name + ": " + *error;
+            return false;
+        }
         if (flag("--model")) {
-            if (value.size() > 63) { *error = "--model: at most 63 characters"; return false; }
-            o.model = value;
+            if (text.size() > 63) { *error = "--model: at most 63 characters"; return false; }
+            o.model = text;
         } else if (flag("--serial")) {
-            if (value.size() > 16) { *error = "--serial: at most 16 characters"; return false; }
-            o.serial = value;
+            if (text.size() > 16) { *error = "--serial: at most 16 characters"; return false; }
+            o.serial = text;
+        } else if (flag("--second-text")) {
+            if (text.size() > 63) { *error = "--second-text: at most 63 characters"; return false; }
+            o.secondText = text;
         } else if (flag("--firmware")) {
             size_t dot = value.find('.');
             uint8_t major = 0, minor = 0;
@@ -309,6 +360,8 @@ bool SimOptions::parse(int argc, char** argv, SimOptions* out, std::string* erro
             o.controlPath = value;
         } else if (flag("--pidfile")) {
             o.pidFile = value;
+        } else if (flag("--link")) {
+            o.linkPath = value;
         }
     }
     // The power-condition alarms are always part of the map.

@@ -32,6 +32,7 @@ struct SimOptions {
     std::string logPath;
     std::string controlPath;
     std::string pidFile;
+    std::string linkPath;          // stable symbolic link to the terminal
     bool verbose = false;
     bool quiet = false;
     bool help = false;
@@ -52,6 +53,9 @@ struct SimOptions {
     static bool parseIntList(const std::string& text, int lo, int hi,
                              std::vector<int>* out, std::string* error);
     static bool parseInt(const std::string& text, int lo, int hi, int* out);
+    // Identity texts: "\r", "\n", "\t", "\\" and "\xHH" stand for the
+    // byte, so that a shell can pass control characters.
+    static bool unescape(const std::string& text, std::string* out, std::string* error);
     static bool isSerialSpeed(int baud);
     static std::string joinInts(const std::vector<int>& values);
     static std::string joinInts(const std::set<int>& values);

@@ -53,7 +53,7 @@ bool UpsSimulator::start(std::string* error) {
     wakeWrite_ = p[1];
     if (!log_.open(options_.logPath, error)) return false;
     log_.setMirror(options_.verbose ? stderr : nullptr);
-    if (!pty_.open(error)) return false;
+    if (!pty_.open(error) || !pointLink(error)) return false;
     if (!options_.controlPath.empty() && !control_.listen(options_.controlPath, error)) return false;
     std::lock_guard<std::mutex> lock(mu_);
     note("simulated UPS \"" + options_.model + "\" serial " + options_.serial + " on " +
@@ -62,6 +62,126 @@ bool UpsSimulator::start(std::string* error) {
         note("alarms active at start: " + SimOptions::joinInts(model_.activeAlarms()));
     if (control_.listening()) note("control socket " + options_.controlPath);
     return true;
+}
+
+const std::string& UpsSimulator::devicePath() const {
+    return options_.linkPath.empty() ? pty_.slavePath() : options_.linkPath;
+}
+
+bool UpsSimulator::pointLink(std::string* error) {
+    if (options_.linkPath.empty()) return true;
+    // A new link beside the old one, renamed over it: the path never names
+    // a half-made link.
+    std::string fresh = options_.linkPath + ".new";
+    ::unlink(fresh.c_str());
+    if (::symlink(pty_.slavePath().c_str(), fresh.c_str()) != 0 ||
+        ::rename(fresh.c_str(), options_.linkPath.c_str()) != 0) {
+        *error = "cannot link " + options_.linkPath + " to " + pty_.slavePath() + ": " + strerror(errno);
+        ::unlink(fresh.c_str());
+        return false;
+    }
+    return true;
+}
+
+void UpsSimulator::hangUp(long now, long ms) {
+    // The host's descriptor of the old terminal is hung up; the device
+    // path is gone until the new terminal is there.
+    pty_.close();
+    pending_.clear();
+    reader_.clear();
+    if (!options_.linkPath.empty()) ::unlink(options_.linkPath.c_str());
+    reopenAtMs_ = now + ms;
+    lastSpeed_ = -1;
+    note("line hung up; a new terminal in " + std::to_string(ms) + " ms");
+}
+
+bool UpsSimulator::reopenTerminal(std::string* error) {
+    reopenAtMs_ = -1;
+    if (!pty_.open(error) || !pointLink(error)) return false;
+    note("new terminal " + pty_.slavePath() +
+         (options_.linkPath.empty() ? std::string() : " behind " + options_.linkPath));
+    return true;
+}
+
+void UpsSimulator::queueReply(std::vector<Bytes> frames, long due) {
+    FaultKind kind = faultCount_ > 0 ? fault_ : FaultKind::None;
+    if (kind == FaultKind::None || kind == FaultKind::Silent || frames.empty()) {
+        pending_.push_back({due, frames});
+        return;
+    }
+    if (--faultCount_ == 0) fault_ = FaultKind::None;
+    Bytes& first = frames.front();
+    // Header (start, block, length, sequence) and half the data.
+    const size_t cut = 4 + first[2] / 2;
+    switch (kind) {
+    case FaultKind::Checksum:
+        first.back() = static_cast<uint8_t>(first.back() + 1);
+        break;
+    case FaultKind::Sequence:
+        // One more than due; the checksum stays right for the changed byte.
+        first[3] = static_cast<uint8_t>(first[3] + 1);
+        first.back() = static_cast<uint8_t>(first.back() - 1);
+        break;
+    case FaultKind::Truncate:
+        frames = {Bytes(first.begin(), first.begin() + static_cast<long>(cut))};
+        break;
+    case FaultKind::Split: {
+        std::vector<Bytes> rest = {Bytes(first.begin() + static_cast<long>(cut), first.end())};
+        rest.insert(rest.end(), frames.begin() + 1, frames.end());
+        pending_.push_back({due, {Bytes(first.begin(), first.begin() + static_cast<long>(cut))}});
+        pending_.push_back({due + faultMs_, rest});
+        note("fault played: reply split, second part " + std::to_string(faultMs_) + " ms later");
+        return;
+    }
+    default:
+        break;
+    }
+    note(std::string("fault played: ") +
+         (kind == FaultKind::Checksum ? "wrong checksum" : kind == FaultKind::Sequence ? "wrong sequence number"
+                                                                                       : "reply truncated"));
+    pending_.push_back({due, frames});
+}
+
+std::string UpsSimulator::faultText() const {
+    static const char* const names[] = {"off", "checksum", "sequence", "truncate", "split", "silent"};
+    if (faultCount_ <= 0) return "off";
+    return std::string(names[static_cast<int>(fault_)]) + "(" + std::to_string(faultCount_) + ")";
+}
+
+std::string UpsSimulator::faultCommand(const std::vector<std::string>& w) {
+    static const char kUsage[] =
+        "error: usage: fault checksum|sequence|truncate [N] | fault split MS [N] | fault silent N | fault off";
+    if (w.size() < 2) return kUsage;
+    const std::string& kind = w[1];
+    if (kind == "off" && w.size() == 2) {
+        fault_ = FaultKind::None;
+        faultCount_ = 0;
+        return "ok fault off";
+    }
+    size_t countAt = 2;
+    long ms = 0;
+    FaultKind k;
+    if (kind == "checksum") k = FaultKind::Checksum;
+    else if (kind == "sequence") k = FaultKind::Sequence;
+    else if (kind == "truncate") k = FaultKind::Truncate;
+    else if (kind == "silent") k = FaultKind::Silent;
+    else if (kind == "split") {
+        int v = 0;
+        if (w.size() < 3 || !SimOptions::parseInt(w[2], 0, 600000, &v)) return kUsage;
+        k = FaultKind::Split;
+        ms = v;
+        countAt = 3;
+    } else {
+        return kUsage;
+    }
+    int count = 1;
+    if (k == FaultKind::Silent && w.size() != 3) return kUsage;
+    if (w.size() > countAt + 1 || (w.size() == countAt + 1 && !SimOptions::parseInt(w[countAt], 1, 1000000, &count)))
+        return kUsage;
+    fault_ = k;
+    faultCount_ = count;
+    faultMs_ = ms;
+    return "ok fault " + faultText();
 }
 
 void UpsSimulator::setCommandInput(int fd, FILE* out) {
@@ -137,6 +257,12 @@ void UpsSimulator::handleItem(const XcpCommandReader::Item& item, int speed, lon
         break;
     }
     ++rxFrames_;
+    if (fault_ == FaultKind::Silent && faultCount_ > 0) {
+        if (--faultCount_ == 0) fault_ = FaultKind::None;
+        ++ignoredFrames_;
+        log_.write("RX", hex + " (ignored: fault silent)");
+        return;
+    }
     if (silent_) {
         ++ignoredFrames_;
         log_.write("RX", hex + " (ignored: silent)");
@@ -153,7 +279,7 @@ void UpsSimulator::handleItem(const XcpCommandReader::Item& item, int speed, lon
     for (const std::string& n : notes) note(n);
     if (reply.send) {
         size_t frameSize = static_cast<size_t>(options_.frameSize);
-        pending_.push_back({now + delayMs_, XcpFrameCodec::encodeReplyFrames(reply.block, reply.data, frameSize)});
+        queueReply(XcpFrameCodec::encodeReplyFrames(reply.block, reply.data, frameSize), now + delayMs_);
     }
 }
 
@@ -219,7 +345,8 @@ std::string UpsSimulator::statusLocked() {
     std::ostringstream o;
     o << "ok speed=" << speed << " answering=" << (model_.acceptsSpeed(speed) && !silent_ ? "yes" : "no")
       << " speeds=" << SimOptions::joinInts(model_.speeds()) << " silent=" << (silent_ ? "on" : "off")
-      << " delay=" << delayMs_ << " garbage=" << (garbageNext_ ? "next" : "off") << " alarms="
+      << " delay=" << delayMs_ << " fault=" << faultText() << " line=" << (reopenAtMs_ >= 0 ? "hung-up" : "up")
+      << " garbage=" << (garbageNext_ ? "next" : "off") << " alarms="
       << (model_.activeAlarms().empty() ? std::string("none") : SimOptions::joinInts(model_.activeAlarms()))
       << " " << model_.stateText() << " rx=" << rxFrames_ << " tx=" << txFrames_
       << " ignored=" << ignoredFrames_;
@@ -260,6 +387,15 @@ std::string UpsSimulator::executeLocked(const std::string& rawLine, bool* quit) 
         }
         return "error: usage: garbage [now]";
     }
+    if (cmd == "fault") return faultCommand(w);
+    if (cmd == "hangup") {
+        if (w.size() > 2 || (w.size() == 2 && !SimOptions::parseInt(w[1], 0, 600000, &n)))
+            return "error: usage: hangup [MS] (0..600000)";
+        if (reopenAtMs_ >= 0) return "error: the line is already hung up";
+        hangUp(nowMs(), w.size() == 2 ? n : 1000);
+        requestWake();
+        return "ok hung up";
+    }
     if (cmd == "delay") {
         if (w.size() != 2 || !SimOptions::parseInt(w[1], 0, 600000, &n))
             return "error: usage: delay MS (0..600000)";
@@ -287,7 +423,7 @@ std::string UpsSimulator::executeLocked(const std::string& rawLine, bool* quit) 
     if (cmd == "status") return statusLocked();
     if (cmd == "help")
         return "ok commands: alarm set N | alarm clear N | silent on|off | garbage [now] | delay MS | "
-               "speeds LIST | meter N VALUE | status | quit";
+               "speeds LIST | meter N VALUE | fault KIND [ARGS] | hangup [MS] | status | quit";
     if (cmd == "quit") {
         *quit = true;
         requestStop();
@@ -308,6 +444,7 @@ int UpsSimulator::run() {
     while (!stop_) {
         std::vector<struct pollfd> fds;
         fds.push_back({wakeRead_, POLLIN, 0});
+        // While hung up the slot holds -1, which poll skips.
         fds.push_back({pty_.masterFd(), POLLIN, 0});
         size_t inputIndex = fds.size();
         if (inputFd_ >= 0) fds.push_back({inputFd_, POLLIN, 0});
@@ -317,8 +454,9 @@ int UpsSimulator::run() {
         int timeout = 100;
         {
             std::lock_guard<std::mutex> lock(mu_);
-            if (!pending_.empty()) {
-                long wait = pending_.front().dueMs - nowMs();
+            long due = !pending_.empty() ? pending_.front().dueMs : reopenAtMs_;
+            if (due >= 0) {
+                long wait = due - nowMs();
                 if (wait < timeout) timeout = wait < 0 ? 0 : static_cast<int>(wait);
             }
         }
@@ -337,8 +475,13 @@ int UpsSimulator::run() {
         long now = nowMs();
         {
             std::lock_guard<std::mutex> lock(mu_);
-            checkSpeed();
-            if (rc > 0 && fds[1].revents) readTerminal(now);
+            std::string error;
+            if (reopenAtMs_ >= 0 && now >= reopenAtMs_ && !reopenTerminal(&error)) {
+                note(error);
+                break;
+            }
+            if (reopenAtMs_ < 0) checkSpeed();
+            if (rc > 0 && fds[1].fd >= 0 && fds[1].fd == pty_.masterFd() && fds[1].revents) readTerminal(now);
             std::vector<XcpCommandReader::Item> items;
             reader_.expire(now, &items);
             for (const auto& item : items) handleItem(item, pty_.lineSpeed(), now);
@@ -367,6 +510,7 @@ int UpsSimulator::run() {
         note("stopping");
     }
     control_.close();
+    if (!options_.linkPath.empty()) ::unlink(options_.linkPath.c_str());
     return 0;
 }
 

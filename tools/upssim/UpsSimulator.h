@@ -36,6 +36,8 @@ public:
     // Creates the pseudo-terminal, opens the log and the control socket.
     bool start(std::string* error);
     const std::string& slavePath() const { return pty_.slavePath(); }
+    // What the host is to open: the --link path, else the terminal itself.
+    const std::string& devicePath() const;
 
     // Reads runtime commands from fd (standard input); answers go to out.
     // End of file on fd only stops reading it.
@@ -60,6 +62,16 @@ private:
         long dueMs;
         std::vector<Bytes> frames;
     };
+    // A fault played on the next replies (or requests, for Silent).
+    enum class FaultKind { None, Checksum, Sequence, Truncate, Split, Silent };
+
+    // Applies the pending fault, if any, to one reply about to be queued.
+    void queueReply(std::vector<Bytes> frames, long due);
+    std::string faultCommand(const std::vector<std::string>& w);
+    std::string faultText() const;
+    void hangUp(long now, long ms);
+    bool reopenTerminal(std::string* error);
+    bool pointLink(std::string* error);
 
     static long nowMs();
     void note(const std::string& text);
@@ -85,6 +97,10 @@ private:
     bool garbageNext_ = false;
     bool garbageNow_ = false;
     long delayMs_ = 0;
+    FaultKind fault_ = FaultKind::None;
+    int faultCount_ = 0;
+    long faultMs_ = 0;
+    long reopenAtMs_ = -1;  // >= 0 while the terminal is hung up
     int lastSpeed_ = -1;
     long rxFrames_ = 0, txFrames_ = 0, ignoredFrames_ = 0;
     int inputFd_ = -1;

@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
         gSimulator = nullptr;
         return 1;
     }
-    std::printf("%s\n", simulator.slavePath().c_str());
+    std::printf("%s\n", simulator.devicePath().c_str());
     std::fflush(stdout);
 
     if (!options.pidFile.empty()) {
