@@ -53,7 +53,7 @@ struct IpcData::SlotLock {
 };
 
 IpcData::IpcData(StCTrl& core, const std::string& dataDir, const std::string& homeDir, FileSystem* fs)
-    : mCore(core), mFiles(dataDir + "/MembInfo.dat", homeDir + "/membCommInfo.tmp", fs)
+    : mCore(core), mFiles((dataDir.empty() ? homeDir : dataDir) + "/MembInfo.dat", homeDir + "/membCommInfo.tmp", fs)
 {
     mMutex.MutexInit(kLock);
     clearTable();
@@ -310,6 +310,8 @@ int IpcData::GetMembStatus(IPC_DATA_REC* rec)
 
 int IpcData::GetDetectMember(DUP_MEMB_INFO* out)
 {
+    if (!out)
+        return 0;
     Locked l(mMutex);
     int n = 0;
     for (const auto& kv : mIdIndex)
@@ -344,6 +346,8 @@ int IpcData::setSdData(IPC_DATA_REC* rec)
 
 int IpcData::getSdData(IPC_DATA_REC* rec)
 {
+    if (!rec)
+        return 0;
     Locked l(mMutex);
     if (mSendQueue.empty())
         return 0;
@@ -374,6 +378,8 @@ int IpcData::setRvData(DG2MessageType* msg, IPC_DST_MODE mode, int value, char* 
 
 int IpcData::getRvData(IPC_DATA_REC* rec, int threadId)
 {
+    if (!rec)
+        return 0;
     // One wait bounded like the 128 tries 10 ms apart it stands for, woken
     // whenever the head of the queue may have changed.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kRvAttempts * kRvPauseMs);

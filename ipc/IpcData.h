@@ -29,7 +29,8 @@ public:
     static const int kRvPauseMs = 10;      // ... this far apart, as one bounded wait
 
     // core: receives the timer-stop notifications of CancelTM. dataDir: the
-    // directory of "MembInfo.dat" (the "Path" setting). homeDir: where
+    // directory of "MembInfo.dat" (the "Path" setting; empty: homeDir, never
+    // the root directory). homeDir: where
     // "membCommInfo.tmp" is written. fs: the file system (null: the real one).
     IpcData(StCTrl& core, const std::string& dataDir, const std::string& homeDir, FileSystem* fs = nullptr);
     ~IpcData();

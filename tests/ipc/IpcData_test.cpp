@@ -229,6 +229,8 @@ TEST(IpcDataFiles, MemberFileRoundTripsInIdOrderAndAFailedSaveKeepsTheOldFile)
     EXPECT_EQ(again.table.LoadMembInfo(), 4);
     EXPECT_EQ(text(again.member(3).name, kMembNameSize), "host ten");
     EXPECT_EQ(again.member(3).port, 4010);
+    IpcData noPath(again.core, "", again.dir.path()); // no "Path": the home directory, never "/"
+    EXPECT_EQ(noPath.LoadMembInfo(), 4);
 
     EXPECT_EQ(r.table.DeleteMember("@ctl", 0), 2);
     for (const char* call : {"open", "write", "fsync", "rename"}) {
