@@ -1,0 +1,339 @@
+// The member table: slots and the ID index, the member file and the
+// operator's status file (byte for byte, atomic replacement), the
+// head-of-line receive queue and the reply-timer table with the timer stops
+// it asks of the controller core.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "control/StCTrl.h"
+#include "ipc/IpcData.h"
+#include "tests/fakes/EventRecords.h"
+#include "tests/fakes/FailingFileSystem.h"
+#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempDir.h"
+
+namespace {
+using V = std::vector<std::string>;
+
+// A controller core, a temporary home and a member table working in it.
+struct Rig {
+    ManualClock clock;
+    StCTrl core{&clock};
+    TempDir dir{"ipcdata"};
+    IpcData table;
+    explicit Rig(FileSystem* fs = nullptr) : table(core, dir.path(), dir.path(), fs) {}
+    std::string membInfo() const { return dir.read("MembInfo.dat"); }
+    std::string status() const { return dir.read("membCommInfo.tmp"); }
+    DUP_MEMB_INFO member(int slot)
+    {
+        DUP_MEMB_INFO m;
+        table.GetMembInfo(slot, &m);
+        return m;
+    }
+    int add(const std::string& id, const std::string& address, int port)
+    {
+        return table.InitMember(address, port, id, false, ThCtrlSlot0, SqNew, nullptr);
+    }
+};
+
+std::string text(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
+
+// The files a directory holds, by name.
+V filesIn(const std::string& dir)
+{
+    V names;
+    for (const auto& e : std::filesystem::directory_iterator(dir))
+        names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+IPC_DATA_REC received(int msgNo, const std::string& peer, int thread)
+{
+    IPC_DATA_REC rec;
+    std::memset(&rec, 0, sizeof rec);
+    rec.msg.msgNo = static_cast<uint8_t>(msgNo);
+    std::strncpy(rec.name, peer.c_str(), sizeof rec.name - 1);
+    rec.threadId = thread;
+    return rec;
+}
+
+IPC_DATA_RET timerBlock(const std::string& peer, int awaited, int handle = 0, int value = 0)
+{
+    IPC_DATA_RET r;
+    std::memset(&r, 0, sizeof r);
+    std::strncpy(r.peerName, peer.c_str(), sizeof r.peerName - 1);
+    r.msgNo = static_cast<uint8_t>(awaited);
+    r.awaited = awaited;
+    r.handle = handle;
+    r.value = value;
+    r.timeOut = 10;
+    return r;
+}
+
+TEST(IpcDataMembers, LoadedMembersFillSlotsInFileOrderAndFreedSlotsAreReusedLowestFirst)
+{
+    Rig r;
+    const std::string longName(60, 'n');
+    ASSERT_TRUE(r.dir.write("MembInfo.dat", "zeta\nhost-z\n10.0.0.3\n4000\n"
+                                            "alpha\n" + longName + "\n10.0.0.1\n4001\n"
+                                            "@ctl\nhost-c\n10.0.0.2\n3069\n"
+                                            "\nafter\nthe\nend\n"));
+    EXPECT_EQ(r.table.LoadMembInfo(), 3);
+    V ids;
+    for (int s = 1; s <= 3; ++s) {
+        DUP_MEMB_INFO m = r.member(s);
+        ids.push_back(text(m.memberId, sizeof m.memberId));
+        EXPECT_EQ(m.status, MembNotActive) << s;
+        EXPECT_EQ(m.sq, SqIdle) << s;
+    }
+    EXPECT_EQ(ids, (V{"zeta", "alpha", "@ctl"}));
+    EXPECT_EQ(text(r.member(2).name, kMembNameSize), longName.substr(0, 50));
+    EXPECT_EQ(r.member(1).port, 4000);
+    EXPECT_EQ(r.member(4).memberId[0], 0) << "reading stops at the empty ID line";
+    char addr[] = "10.0.0.2";
+    EXPECT_EQ(r.table.GetThreadID(addr), 0) << "loaded members have no thread";
+
+    // A known ID is updated in place (0); new ones take the lowest free slot.
+    char extra[] = "x";
+    EXPECT_EQ(r.table.InitMember("10.0.0.9", 4100, "zeta", true, 9, SqMoved, extra), 0);
+    EXPECT_EQ(r.member(1).port, 4100);
+    EXPECT_EQ(r.member(1).sq, SqMoved);
+    EXPECT_EQ(r.member(1).status, MembNotActive) << "an update keeps the status";
+    EXPECT_EQ(text(r.member(1).address, kMembAddrSize), "10.0.0.9");
+    for (int i = 4; i <= IpcData::kMaxMembers; ++i)
+        ASSERT_EQ(r.add("m" + std::to_string(i), "10.1.0." + std::to_string(i), 5000 + i), i);
+    EXPECT_EQ(r.add("one-too-many", "10.2.0.1", 6000), -1);
+    EXPECT_EQ(r.member(9).status, MembNoEntry);
+
+    EXPECT_EQ(r.table.DeleteMember("m20", 0), 20);
+    EXPECT_EQ(r.table.DeleteMember("m7", 0), 7);
+    EXPECT_EQ(r.table.DeleteMember("m7", 0), 0) << "already gone";
+    EXPECT_EQ(r.add("new-a", "10.3.0.1", 6001), 7);
+    EXPECT_EQ(r.add("new-b", "10.3.0.2", 6002), 20);
+    EXPECT_EQ(r.add("new-c", "10.3.0.3", 6003), -1);
+    char byName[] = "new-b";
+    DUP_MEMB_INFO m;
+    EXPECT_EQ(r.table.GetMembInfo(byName, &m), 20);
+    char stranger[] = "stranger";
+    EXPECT_EQ(r.table.GetMembInfo(stranger, &m), 0);
+    EXPECT_EQ(m.port, 0) << "an unknown name gives an all-zero record";
+
+    // Active members come out in member-ID order, whatever their slots.
+    for (const char* id : {"m30", "alpha", "new-a"}) {
+        MemberFiles::setField(m.memberId, sizeof m.memberId, id);
+        ASSERT_GT(r.table.SetMembStatus(&m, MembActive, false), 0) << id;
+    }
+    std::vector<DUP_MEMB_INFO> detected(IpcData::kMaxMembers);
+    ASSERT_EQ(r.table.GetDetectMember(detected.data()), 3);
+    EXPECT_EQ((V{text(detected[0].memberId, 32), text(detected[1].memberId, 32), text(detected[2].memberId, 32)}),
+              (V{"alpha", "m30", "new-a"}));
+}
+
+TEST(IpcDataMembers, TextsWithControlCharactersNeverReachTheTable)
+{
+    Rig r;
+    ASSERT_EQ(r.add("good", "10.0.0.1", 4000), 1);
+    EXPECT_EQ(r.add("bad\nid", "10.0.0.2", 4000), -1);
+    EXPECT_EQ(r.add("bad-addr", "10.0.0.3\r\nPort = 1", 4000), -1);
+    EXPECT_EQ(r.add("", "10.0.0.4", 4000), -1) << "an empty ID could not be saved";
+    DUP_MEMB_INFO m = r.member(1);
+    EXPECT_EQ(r.table.SetMembNameString(&m, "host\nStatus = Active"), -1);
+    EXPECT_EQ(r.table.SetMembIPAddr(&m, "10.0.0.1\x1b"), -1);
+    EXPECT_EQ(r.table.SetMembNameString(&m, "host-good"), 1);
+    EXPECT_EQ(text(r.member(1).name, kMembNameSize), "host-good");
+    EXPECT_EQ(text(r.member(1).address, kMembAddrSize), "10.0.0.1");
+    EXPECT_EQ(r.member(2).memberId[0], 0);
+
+    // A hand-edited member file: the member with a control character or a
+    // bad port is skipped, the others load; CR LF line ends are accepted.
+    ASSERT_TRUE(r.dir.write("MembInfo.dat", "a\r\nname\r\n10.0.0.1\r\n4000\r\n"
+                                            "b\nna\tme\n10.0.0.2\n4001\n"
+                                            "c\nname\n10.0.0.3\n70000\n"
+                                            "d\nname\n10.0.0.4\n4003\n"));
+    EXPECT_EQ(r.table.LoadMembInfo(), 2);
+    EXPECT_EQ(text(r.member(1).memberId, 32), "a");
+    EXPECT_EQ(text(r.member(1).address, 32), "10.0.0.1");
+    EXPECT_EQ(text(r.member(2).memberId, 32), "d");
+}
+
+TEST(IpcDataFiles, StatusFileIsRewrittenByteExactOnlyForKnownMembers)
+{
+    Rig r;
+    ASSERT_EQ(r.add("m1", "192.168.1.10", 3068), 1);      // port 3068: deliberately not listed
+    ASSERT_EQ(r.add("m2", "192.168.1.11", 3069), 2);
+    ASSERT_EQ(r.add(" KSV0001", "10.1.2.3", 5000), 3);    // registered by identity
+    ASSERT_EQ(r.add("m4", "1.2.3", 6000), 4);             // address too short to count
+
+    DUP_MEMB_INFO nobody;
+    std::memset(&nobody, 0, sizeof nobody);
+    std::strcpy(nobody.memberId, "nobody");
+    nobody.status = MembNotActive;
+    EXPECT_EQ(r.table.SetMembStatus(&nobody, MembActive, false), 0);
+    EXPECT_EQ(nobody.status, MembNotActive);
+    EXPECT_FALSE(std::filesystem::exists(r.dir.file("membCommInfo.tmp")));
+    for (int s = 1; s <= 4; ++s)
+        EXPECT_EQ(r.member(s).status, MembNoEntry) << s;
+
+    DUP_MEMB_INFO m = r.member(2);
+    EXPECT_EQ(r.table.SetMembNameString(&m, "beta"), 2);
+    m = r.member(3);
+    EXPECT_EQ(r.table.SetMembNameString(&m, "gamma"), 3);
+    m = r.member(2);
+    EXPECT_EQ(r.table.SetMembStatus(&m, MembActive, false), 2);
+    EXPECT_EQ(m.status, MembActive);
+    EXPECT_EQ(r.member(2).status, MembActive);
+    const std::string expected = " 2 Name = beta" + std::string(46, ' ') + "Status = Active\n"
+                                 "   IP =  192.168.1.11     Port = 3069\n"
+                                 " 3 Name = gamma" + std::string(45, ' ') + "Status = No Entry\n"
+                                 "   IP = *10.1.2.3         Port = 5000\n";
+    EXPECT_EQ(r.status(), expected);
+
+    // A deleted member leaves the table shown to the operator.
+    EXPECT_EQ(r.table.DeleteMember("m2", 0), 2);
+    EXPECT_EQ(r.status(), " 3 Name = gamma" + std::string(45, ' ') + "Status = No Entry\n"
+                          "   IP = *10.1.2.3         Port = 5000\n");
+    EXPECT_EQ(filesIn(r.dir.path()), V{"membCommInfo.tmp"}) << "no temporary file is left";
+}
+
+TEST(IpcDataFiles, MemberFileRoundTripsInIdOrderAndAFailedSaveKeepsTheOldFile)
+{
+    FailingFileSystem disk;
+    Rig r(&disk);
+    ASSERT_EQ(r.add("m2", "10.0.0.2", 4002), 1);
+    ASSERT_EQ(r.add("@ctl", "10.0.0.9", 4009), 2);
+    ASSERT_EQ(r.add(" KSV0001", "10.0.0.7", 4007), 3);
+    ASSERT_EQ(r.add("m10", "10.0.0.10", 4010), 4);
+    DUP_MEMB_INFO m = r.member(4);
+    r.table.SetMembNameString(&m, "host ten");
+    DUP_MEMB_INFO unknown;
+    std::memset(&unknown, 0, sizeof unknown);
+    std::strcpy(unknown.memberId, "asked-for");
+    r.table.SetMembSq(&unknown, SqNew, 1); // enters the ID in the index with slot 0
+
+    ASSERT_EQ(r.table.SaveMembInfo(), 1);
+    const std::string saved = " KSV0001\n\n10.0.0.7\n4007\n"
+                              "@ctl\n\n10.0.0.9\n4009\n"
+                              "m10\nhost ten\n10.0.0.10\n4010\n"
+                              "m2\n\n10.0.0.2\n4002\n";
+    EXPECT_EQ(r.membInfo(), saved);
+
+    Rig again;
+    ASSERT_TRUE(again.dir.write("MembInfo.dat", saved));
+    EXPECT_EQ(again.table.LoadMembInfo(), 4);
+    EXPECT_EQ(text(again.member(3).name, kMembNameSize), "host ten");
+    EXPECT_EQ(again.member(3).port, 4010);
+    IpcData noPath(again.core, "", again.dir.path()); // no "Path": the home directory, never "/"
+    EXPECT_EQ(noPath.LoadMembInfo(), 4);
+
+    EXPECT_EQ(r.table.DeleteMember("@ctl", 0), 2);
+    for (const char* call : {"open", "write", "fsync", "rename"}) {
+        disk.failing = call;
+        EXPECT_EQ(r.table.SaveMembInfo(), 0) << call;
+        EXPECT_EQ(r.membInfo(), saved) << call;
+    }
+    disk.failing = "";
+    EXPECT_EQ(filesIn(r.dir.path()), (V{"MembInfo.dat", "membCommInfo.tmp"})) << "no temporary file is left";
+    ASSERT_EQ(r.table.SaveMembInfo(), 1);
+    EXPECT_EQ(r.membInfo(), " KSV0001\n\n10.0.0.7\n4007\nm10\nhost ten\n10.0.0.10\n4010\nm2\n\n10.0.0.2\n4002\n");
+}
+
+TEST(IpcDataQueues, OnlyTheOldestReceivedRecordIsTakenAndItsOwnerGetsItOnceItIsAtTheHead)
+{
+    Rig r;
+    IPC_DATA_REC rec;
+    EXPECT_EQ(r.table.getRvData(&rec, 1), 0) << "an empty queue answers at once";
+    DG2MessageType msg;
+    std::memset(&msg, 0, sizeof msg);
+    char from[] = "10.0.0.1-a-name-longer-than-thirty-two-bytes";
+    for (int i : {1, 2, 2}) {
+        msg.msgNo = static_cast<uint8_t>(i == 1 ? 35 : 141);
+        ASSERT_EQ(r.table.setRvData(&msg, IPC_DST_REPLY, 4000 + i, from, i), 1);
+    }
+    EXPECT_EQ(r.table.getRvData(&rec, 2), 0) << "thread 1's record holds up the queue";
+    EXPECT_EQ(r.table.receiveQueued(), 3u);
+
+    // Thread 2 waits; it gets its record once thread 1 has taken the head.
+    auto two = std::async(std::launch::async, [&] {
+        IPC_DATA_REC mine;
+        int got = r.table.getRvData(&mine, 2);
+        return got == 1 ? int(mine.msg.msgNo) : -1;
+    });
+    ASSERT_EQ(r.table.getRvData(&rec, 1), 1);
+    EXPECT_EQ(rec.msg.msgNo, 35);
+    EXPECT_EQ(rec.value, 4001);
+    EXPECT_EQ(text(rec.name, sizeof rec.name), std::string(from, 32));
+    ASSERT_EQ(two.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(two.get(), 141);
+    EXPECT_EQ(r.table.receiveQueued(), 1u);
+
+    // The send queue is first in, first out.
+    for (int i : {7, 8}) {
+        rec.value = i;
+        r.table.setSdData(&rec);
+    }
+    EXPECT_EQ(r.table.getSdData(&rec), 1);
+    EXPECT_EQ(rec.value, 7);
+    EXPECT_EQ(r.table.getSdData(&rec), 1);
+    EXPECT_EQ(rec.value, 8);
+    EXPECT_EQ(r.table.getSdData(&rec), 0);
+}
+
+TEST(IpcDataTimers, CancelStopsTheMatchingTimerOnlyThroughTheControllerCore)
+{
+    Rig r;
+    // The pool rotates through the network time-out ids.
+    EXPECT_EQ(r.table.GetTimerID(), TmNetFirst);
+    EXPECT_EQ(r.table.GetTimerID(), TmNetFirst + 1);
+    for (int i = TmNetFirst + 2; i <= TmNetLast; ++i)
+        r.table.GetTimerID();
+    EXPECT_EQ(r.table.GetTimerID(), TmNetFirst);
+
+    IPC_DATA_RET t30 = timerBlock("10.0.0.5", 35);
+    IPC_DATA_RET t31 = timerBlock("10.0.0.6", 35, 77);
+    IPC_DATA_RET t32 = timerBlock("10.0.0.5", 140);
+    IPC_DATA_RET t33 = timerBlock("@ctl", 230, 0, 7);
+    IPC_DATA_RET t34 = timerBlock("@ctl2", 230, 0, 8);
+    t34.msgNo = 181; // a reply that waits for another message
+    r.table.SetTimerInfo(30, &t30);
+    r.table.SetTimerInfo(31, &t31);
+    r.table.SetTimerInfo(32, &t32);
+    r.table.SetTimerInfo(33, &t33);
+    r.table.SetTimerInfo(34, &t34);
+    int found = -1;
+    EXPECT_EQ(r.table.GetTimerInfo(33, &found).value, 7);
+    EXPECT_EQ(found, 1);
+    EXPECT_EQ(r.table.GetTimerInfo(99, &found).awaited, 0);
+    EXPECT_EQ(found, 0);
+    EXPECT_EQ(r.table.timersPending(), 5u) << "looking up an unknown id stores nothing";
+
+    IPC_DATA_REC rec = received(35, "10.0.0.6", ThCtrlSlot0);
+    EXPECT_EQ(r.table.CancelTM(&rec, 0), 1);
+    EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStop(102):77"});
+    EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "only one entry matched";
+    rec = received(35, "10.0.0.9", ThCtrlSlot0);
+    EXPECT_EQ(r.table.CancelTM(&rec, 0), 0);
+    rec = received(141, "10.0.0.5", ThCtrlSlot0);
+    EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "nothing waits for 141";
+    EXPECT_EQ(r.core.queuedEvents(), 0u);
+
+    rec = received(230, "10.9.9.9", ThCtrlSlot0); // the "@" form, picked by its value
+    EXPECT_EQ(r.table.CancelTM(&rec, 8), 1);
+    EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStop(102):34"});
+    EXPECT_EQ(r.table.GetTimerInfo(33, &found).awaited, 230);
+    EXPECT_EQ(found, 1);
+
+    EXPECT_EQ(r.table.CancelMembTM("10.0.0.5"), 2);
+    EXPECT_EQ(drainDescribed(r.core), (V{"0:EvTimerStop(102):30", "0:EvTimerStop(102):32"}));
+    EXPECT_EQ(r.table.timersPending(), 1u);
+    EXPECT_EQ(r.table.EraseTimerInfo(33), 1);
+    EXPECT_EQ(r.table.timersPending(), 0u);
+}
+
+} // namespace
