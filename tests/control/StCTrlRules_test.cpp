@@ -82,7 +82,7 @@ protected:
     StCTrl ctrl;
 };
 
-TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
+TEST_F(Rules, RestorationInsideTheWinkOrTheCountdownCancels)
 {
     controller();
     report(8, 4, 3, 0, {14, 357, 316, 14});
@@ -96,6 +96,16 @@ TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
     clock.advance(10);
     report(8, 4, 2, 0, {15, 657, 17});
     EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,1003,1001,17", "0:EvTimerStop(102):3,8"}));
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
+
+    // Without a wink the countdown starts at once; power back cancels it.
+    timing(1, 0, 2);
+    report(8, 4, 3, 0);
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2",
+                               "5:EvPowerFailReport(300):2,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
+    report(8, 4, 2, 0);
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3",
+                               "0:EvTimerStop(102):7,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
@@ -165,19 +175,6 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     expire(TmAppEnd, 8);
     EXPECT_EQ(events(),
               (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
-}
-
-TEST_F(Rules, RestorationWhileCountingDownCancels)
-{
-    controller();
-    timing(1, 0, 2);
-    report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2",
-                               "5:EvPowerFailReport(300):2,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
-    report(8, 4, 2, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3",
-                               "0:EvTimerStop(102):7,8"}));
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
 TEST_F(Rules, SecondConditionEndsTheWinkAndShutsDown)
