@@ -126,19 +126,6 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
     EXPECT_EQ(ctrl.power(0).remaining, 3);
 }
 
-TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnce)
-{
-    member(1);
-    report(8, 4, 3, 210, {14, 357});  // 30 s wink + 3 minutes
-    EXPECT_EQ(events(),
-              (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
-                 "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
-    EXPECT_EQ(ctrl.power(0).reason, 1);
-    EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
-    EXPECT_EQ(ctrl.GetAppStatus(0), 2);
-}
-
 TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
 {
     controller();
@@ -294,15 +281,21 @@ TEST_F(Rules, ShutdownDecisionWithThreeControllersOrOneOnUtility)
     EXPECT_EQ(drainDescribed(two), V{"5:EvMemberShutdownLog(505):0,1"});
 }
 
-TEST_F(Rules, ReportsAreSuppressedOnceTheHostShutdownStarted)
+TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnceAndLaterReportsAreSuppressed)
 {
     member(2);
     ctrl.SetOutPutStatus(true, true, 0);
     ctrl.SetOutPutStatus(true, true, 1);
     ctrl.ShutDownSetPFStatus(0, 1);
-    report(9, 4, 3, 30);   // slot 1 counts down
-    report(8, 4, 3, 210);  // slot 0 takes the host down
+    report(9, 4, 3, 30); // slot 1 counts down
     events();
+    report(8, 4, 3, 210, {14, 357}); // slot 0: 30 s wink + 3 minutes gone, it takes the host down
+    EXPECT_EQ(events(),
+              (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
+                 "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
+    EXPECT_EQ(ctrl.power(0).reason, 1);
+    EXPECT_EQ(ctrl.GetAppStatus(0), 2);
     ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
 
     clock.advance(60);

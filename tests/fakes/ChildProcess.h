@@ -38,14 +38,10 @@ bool waitFor(Cond cond, int seconds, int pollMs)
 // Returns the wait status, or -1 when the child had to be killed.
 inline int waitBounded(pid_t pid, int seconds)
 {
-    for (int i = 0; i < seconds * 20; ++i) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return status;
-        usleep(50 * 1000);
-    }
-    kill(pid, SIGKILL);
     int status = 0;
+    if (waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds, 50))
+        return status;
+    kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     return -1;
 }
