@@ -29,14 +29,6 @@ const char kBack[] = "UPS communication established.";
 // A quick UPS: found at the first rate tried, no step-up, no outlets.
 const std::vector<std::string> kQuickUps = {"--cap-speeds", "9600", "--outlets", "0"};
 
-// The line speed named in an "(ignored: line speed N not accepted)" suffix
-// or a "line speed N: answering" note; 0 when there is none.
-int speedIn(const std::string& text)
-{
-    size_t at = text.find("line speed ");
-    return at == std::string::npos ? 0 : atoi(text.c_str() + at + 11);
-}
-
 class UpsLink : public ::testing::Test, public DaemonSandbox {
 protected:
     UpsLink() : DaemonSandbox("kestrava-link-", 250) {}
@@ -110,12 +102,14 @@ TEST_F(UpsLink, HuntsStepsUpIdentifiesAndPolls)
     // Detection: four rates without an answer, then 4800.
     auto log = frameLog();
     std::vector<int> tried;
-    int lastNoted = 0;
+    int speed = 0;
     for (const FrameLine& l : log) {
-        if (l.kind == "NOTE" && l.text.find(": answering") != std::string::npos)
-            lastNoted = speedIn(l.text);
+        // An "(ignored: line speed N not accepted)" frame, or a "line speed N: answering" note.
+        const size_t at = l.text.find("line speed ");
+        if (at != std::string::npos)
+            speed = atoi(l.text.c_str() + at + 11);
         if (l.kind == "RX" && l.text.rfind(kAuthFrame, 0) == 0) {
-            tried.push_back(l.taken() ? lastNoted : speedIn(l.text));
+            tried.push_back(speed);
             if (l.taken())
                 break;
         }

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <regex>
@@ -89,8 +88,6 @@ TEST(ShippedFiles, ControllerAndMemberValuesFitTogether)
         EXPECT_EQ(ctrl.getConf(key), memb.getConf(key)) << key;
     EXPECT_EQ(ctrl.getConf("CtrlPort1"), memcnt.getConf("Port1"));
     EXPECT_NE(ctrl.getConf("CtrlPort1"), ctrl.getConf("MemberPort"));
-    for (const char* key : {"CtrlPort1", "MemberPort", "CuiPort"})
-        EXPECT_GT(std::atol(ctrl.getConf(key).c_str()), 0) << key;
 
     // Nothing received yet: a shipped timing here would overwrite the
     // member's own timing of all four slots at its first start.

@@ -103,7 +103,6 @@ TEST_F(XcpDetectTest, HuntingTriesTheRatesInOrder)
     const Codes codes = port.codesWritten();
     ASSERT_EQ(21u, codes.size());
     EXPECT_EQ((Codes{0xCF, 0xA0, 0x31}), Codes(codes.begin() + 18, codes.end()));
-    EXPECT_EQ("AB 04 CF 69 E8 D5 5C", P::hex(port.framesWithCode(0xCF).at(0)));
 
     // A UPS that answers only the old request is found with it.
     forget();
