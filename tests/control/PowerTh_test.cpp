@@ -39,10 +39,7 @@ public:
     }
 
 protected:
-    void notify(_NOTIFYMSGINFO* nt) override
-    {
-        seen.push_back(describe(*nt));
-    }
+    void notify(_NOTIFYMSGINFO* nt) override { seen.push_back(describe(*nt)); }
 };
 
 class Power : public ::testing::Test {

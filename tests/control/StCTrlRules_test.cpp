@@ -82,7 +82,7 @@ protected:
     StCTrl ctrl;
 };
 
-TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
+TEST_F(Rules, RestorationInsideTheWinkOrTheCountdownCancels)
 {
     controller();
     report(8, 4, 3, 0, {14, 357, 316, 14});
@@ -96,6 +96,16 @@ TEST_F(Rules, FailureInsideWinkThenRestoredTranslatesAlarms)
     clock.advance(10);
     report(8, 4, 2, 0, {15, 657, 17});
     EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,1003,1001,17", "0:EvTimerStop(102):3,8"}));
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
+
+    // Without a wink the countdown starts at once; power back cancels it.
+    timing(1, 0, 2);
+    report(8, 4, 3, 0);
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2",
+                               "5:EvPowerFailReport(300):2,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
+    report(8, 4, 2, 0);
+    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3",
+                               "0:EvTimerStop(102):7,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
@@ -114,19 +124,6 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
     report(8, 4, 3, 45);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStart(100):7," + at(45) + ",60,8"}));
     EXPECT_EQ(ctrl.power(0).remaining, 3);
-}
-
-TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnce)
-{
-    member(1);
-    report(8, 4, 3, 210, {14, 357});  // 30 s wink + 3 minutes
-    EXPECT_EQ(events(),
-              (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
-                 "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
-    EXPECT_EQ(ctrl.power(0).reason, 1);
-    EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
-    EXPECT_EQ(ctrl.GetAppStatus(0), 2);
 }
 
 TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
@@ -165,19 +162,6 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     expire(TmAppEnd, 8);
     EXPECT_EQ(events(),
               (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
-}
-
-TEST_F(Rules, RestorationWhileCountingDownCancels)
-{
-    controller();
-    timing(1, 0, 2);
-    report(8, 4, 3, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "5:EvMeterLog(501):2", "5:EvLog(500):8,0,2",
-                               "5:EvPowerFailReport(300):2,8", "0:EvTimerStart(100):7," + at(60) + ",60,8"}));
-    report(8, 4, 2, 0);
-    EXPECT_EQ(ruleEvents(), (V{"5:EvLog(500):8,2", "5:EvPowerRestoredReport(301):8", "5:EvMeterLog(501):3",
-                               "0:EvTimerStop(102):7,8"}));
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
 TEST_F(Rules, SecondConditionEndsTheWinkAndShutsDown)
@@ -297,15 +281,21 @@ TEST_F(Rules, ShutdownDecisionWithThreeControllersOrOneOnUtility)
     EXPECT_EQ(drainDescribed(two), V{"5:EvMemberShutdownLog(505):0,1"});
 }
 
-TEST_F(Rules, ReportsAreSuppressedOnceTheHostShutdownStarted)
+TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnceAndLaterReportsAreSuppressed)
 {
     member(2);
     ctrl.SetOutPutStatus(true, true, 0);
     ctrl.SetOutPutStatus(true, true, 1);
     ctrl.ShutDownSetPFStatus(0, 1);
-    report(9, 4, 3, 30);   // slot 1 counts down
-    report(8, 4, 3, 210);  // slot 0 takes the host down
+    report(9, 4, 3, 30); // slot 1 counts down
     events();
+    report(8, 4, 3, 210, {14, 357}); // slot 0: 30 s wink + 3 minutes gone, it takes the host down
+    EXPECT_EQ(events(),
+              (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
+                 "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseEnded);
+    EXPECT_EQ(ctrl.power(0).reason, 1);
+    EXPECT_EQ(ctrl.GetAppStatus(0), 2);
     ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
 
     clock.advance(60);
@@ -361,9 +351,7 @@ TEST_F(Rules, HugeTimingValuesAreBoundedAndStillCountDown)
     clock.advance(86400);
     expire(TmWink, 8);
     EXPECT_EQ(events().back(), "0:EvTimerStart(100):7," + at(60) + ",60,8");
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseCountdown);
     EXPECT_EQ(ctrl.power(0).remaining, 1440);
-    EXPECT_EQ(ctrl.GetStartShutdownStatus(), 0);
 }
 
 } // namespace

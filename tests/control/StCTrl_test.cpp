@@ -106,8 +106,7 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTh
 
 TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
 {
-    TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n"
-                   "DumpLogRate=10\n");
+    TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n");
     ManualClock clock(1000000);
     StCTrl ctrl(&clock, cfg.map());
     ctrl.refreshNow();
@@ -116,11 +115,6 @@ TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
     EVENTMSGINFO ev;
     ctrl.setDummyAppTermTimerStart(&ev, ThCtrlSlot0); // 120 + 180 s
     EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
-    // The log-deletion "stop" builder keeps the id and times the record held.
-    ctrl.setLogDeleteTimerStopEvent(&ev);
-    EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
-    ctrl.setMeterTimerStartEvent(&ev);
-    EXPECT_EQ(describe(ev), "0:EvTimerStart(100):11,1000600,600,8");
 
     ctrl.StartShutdown(0, 1);
     for (int code : {LogCountdownMinute, LogCountdownLast, LogCountdownCancelled, LogScheduleWarning,

@@ -2,12 +2,9 @@
 // expiry reports as they reach the controller's queue, and the tick loop.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "control/StCTrl.h"
@@ -140,26 +137,23 @@ TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
     EXPECT_EQ(0, timers.runningTimers());
 }
 
-// The real tick loop, its pause replaced: each pause notes whether the
-// status check ran since the previous one (seen as EvControllerInfo: the
-// status record changes at every pause) and steps the clock by one second;
-// after 14 pauses the loop is asked to stop.
+// The real tick loop, run on the test's thread with its pause replaced:
+// each pause notes whether the status check ran since the previous one
+// (seen as EvControllerInfo: the status record changes at every pause) and
+// steps the clock by one second; after 14 pauses the loop is asked to stop.
 class SteppedTimers : public TimerIFTh {
 public:
     SteppedTimers(StCTrl* ctrl, ManualClock* clock) : TimerIFTh(ThTimerIF, ctrl, clock), mCtrl(ctrl), mClock(clock) {}
+    using TimerIFTh::thread_main;
     std::vector<bool> checked;
-    std::atomic<bool> finished{false};
 
 protected:
-    void thread_main() override
-    {
-        TimerIFTh::thread_main();
-        finished.store(true);
-    }
     void pause() override
     {
-        if (checked.size() >= 14)
-            return;
+        if (checked.size() >= 14) {
+            fprintf(stderr, "tick loop did not stop\n"); // a hung loop must not hang the run
+            std::_Exit(1);
+        }
         bool sawCheck = false;
         for (const EVENTMSGINFO& ev : drainEvents(*mCtrl))
             sawCheck = sawCheck || ev.code == EvControllerInfo;
@@ -182,14 +176,7 @@ TEST(TimerIFThLoop, StatusCheckSkipsEveryThirdTick)
     ManualClock clock(T0);
     StCTrl ctrl(&clock, config.map());
     SteppedTimers timers(&ctrl, &clock);
-    ASSERT_TRUE(timers.st());
-    for (int i = 0; i < 500 && !timers.finished.load(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (!timers.finished.load()) {
-        fprintf(stderr, "tick loop did not stop\n"); // a hung loop must not hang the run
-        std::_Exit(1);
-    }
-    EXPECT_FALSE(timers.sp());
+    timers.thread_main();
     // Two plain ticks, then the check before two of every three ticks.
     EXPECT_EQ(timers.checked, (std::vector<bool>{false, false, true, true, false, true, true, false, true, true, false,
                                                  true, true, false}));

@@ -41,7 +41,7 @@ protected:
     TimerTh th;
 };
 
-TEST_F(TimerThTest, StartStopAndMoveCommands)
+TEST_F(TimerThTest, StartStopMoveAndStopAllCommands)
 {
     tickAt(T0);
     command(EvTimerStart, {30, T0 + 5, 0, 9});  // id, expiry, interval, owner
@@ -56,10 +56,8 @@ TEST_F(TimerThTest, StartStopAndMoveCommands)
     EXPECT_EQ(0, timers.runningTimers());
     command(EvTimerShift, {30, 10});  // moving an id that does not run starts nothing
     EXPECT_FALSE(timers.isActive(30));
-}
 
-TEST_F(TimerThTest, StopAllNotifiesActiveSlotsOnlyWhenAsked)
-{
+    // Stop all notifies the active member slots only when asked to.
     ctrl.SetMemberContActive(1, true);
     ctrl.SetMemberContActive(3, true);
     command(EvTimerStart, {2, T0 + 5, 0, 8});

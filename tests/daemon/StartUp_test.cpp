@@ -62,8 +62,7 @@ protected:
         for (pid_t pid : std::set<pid_t>(daemons_))
             reap(pid, 0); // kills and reaps
         // The member directories carry mode 01411: open them up for removal.
-        if (system(("chmod -R u+rwx '" + dir_ + "' 2>/dev/null").c_str()) != 0) {
-        }
+        [[maybe_unused]] int rc = system(("chmod -R u+rwx '" + dir_ + "' 2>/dev/null").c_str());
     }
 
     std::string pidFile() const { return dir_ + "/run/Kestrava.pid"; }

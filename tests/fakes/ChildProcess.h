@@ -38,14 +38,10 @@ bool waitFor(Cond cond, int seconds, int pollMs)
 // Returns the wait status, or -1 when the child had to be killed.
 inline int waitBounded(pid_t pid, int seconds)
 {
-    for (int i = 0; i < seconds * 20; ++i) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return status;
-        usleep(50 * 1000);
-    }
-    kill(pid, SIGKILL);
     int status = 0;
+    if (waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds, 50))
+        return status;
+    kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     return -1;
 }
@@ -70,13 +66,6 @@ struct ChildRun {
     std::string out, err;
 };
 
-// A fresh name stem in `scratch` for the output files of one child.
-inline std::string childFileStem(const std::string& scratch)
-{
-    static int runs = 0;
-    return scratch + "/child-" + std::to_string(++runs);
-}
-
 // Runs fn in a forked child whose standard output and error go to files in
 // `scratch`, and waits at most `seconds` for it (it is killed after that).
 // The child ends with status 0 when fn returns (unflushed stdio output is
@@ -84,7 +73,8 @@ inline std::string childFileStem(const std::string& scratch)
 template <typename Fn>
 ChildRun runChild(const std::string& scratch, Fn fn, int seconds = 20)
 {
-    const std::string stem = childFileStem(scratch);
+    static int runs = 0;
+    const std::string stem = scratch + "/child-" + std::to_string(++runs);
     pid_t pid = fork();
     if (pid == 0) {
         int out = open((stem + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);

@@ -4,27 +4,23 @@
 // shutdown command script, a fake `wall` first in PATH, a "log" directory,
 // and the pid file and lock directory moved inside through
 // KESTRAVA_PID_FILE, KESTRAVA_LOCK_DIR and KESTRAVA_SHUTDOWN_CMD.
-// It starts kestrava-upssim behind a stable link ("<home>ups", the daemon's
-// device, which survives the simulator's hang-ups), sends it runtime
-// commands, reads its frame log, starts the daemon and reads its pid from
-// the pid file, reads the event log, and finish() ends both by pid with
-// bounded waits. The home directory is removed, or kept (and named on
-// standard error) when the test failed. Every wait is bounded and looks
-// again every `pollMs`.
+// The simulator serves "<home>ups" (the daemon's device, which survives
+// the simulator's hang-ups) and takes runtime commands; finish() ends both
+// by pid with bounded waits, and keeps the home (named on standard error)
+// when the test failed. Every wait looks again every `pollMs`.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
 #include <string>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,8 +36,7 @@ struct FrameLine {
     double time;
     std::string kind;
     std::string text;
-    // A received frame the simulator took (answered, or took without an
-    // answer like the authentication).
+    // A received frame the simulator took (answered, or taken without an answer like the authentication).
     bool taken() const { return kind == "RX" && text.find('(') == std::string::npos; }
     // Command code of a received frame ("35").
     std::string code() const { return kind == "RX" && text.size() >= 8 ? text.substr(6, 2) : std::string(); }
@@ -51,81 +46,58 @@ class DaemonSandbox {
 public:
     DaemonSandbox(const std::string& stem, int pollMs) : mDir(stem), mPollMs(pollMs)
     {
-        if (mDir.made()) {
-            home = mDir.path() + "/";
-            frames = home + "frames.log";
-        }
+        home = mDir.path() + "/";
+        frames = home + "frames.log";
     }
     ~DaemonSandbox() { finish(::testing::Test::HasFailure()); }
-    DaemonSandbox(const DaemonSandbox&) = delete;
-    DaemonSandbox& operator=(const DaemonSandbox&) = delete;
 
-    // Checks `cond` until it holds, at most `seconds`.
     template <typename Cond>
     bool waitFor(Cond cond, int seconds)
     {
         return ::waitFor(cond, seconds, mPollMs);
     }
 
-    // Starts the simulator (frame log in `frames`, quiet, then `options`)
-    // and reads the terminal path from its first line of output.
-    void startSimulator(const std::vector<std::string>& options)
-    {
-        int in[2], out[2];
-        ASSERT_EQ(pipe(in), 0);
-        ASSERT_EQ(pipe(out), 0);
-        simPid = fork();
-        ASSERT_GE(simPid, 0);
-        if (simPid == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            close(in[0]);
-            close(in[1]);
-            close(out[0]);
-            close(out[1]);
-            std::string bin = std::string(KESTRAVA_BINARY_DIR) + "/kestrava-upssim";
-            std::vector<std::string> args = {bin, "--log", frames, "--quiet", "--link", home + "ups"};
-            args.insert(args.end(), options.begin(), options.end());
-            std::vector<char*> argv;
-            for (std::string& a : args)
-                argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            execv(bin.c_str(), argv.data());
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        simIn = in[1];
-        simOut = out[0];
-        ttyPath = readSimLine(10);
-    }
-
-    // A home with "lock", "bin" (the fake `wall`, appending to "wall.txt")
-    // and "log", the shipped alert.rc and a `kestrava` link to the daemon;
-    // the simulator with `simOptions`, and the daemon as a controller on it
+    // The simulator with `simOptions`, and the daemon as a controller on it
     // with a Kestrava.ini of the controller keys, `ini` and the home keys.
     // Waits until the daemon polls. The shutdown command records its runs
-    // (`date +%s.%N`) in "shutdown-runs".
+    // (`date +%s.%N`) in "shutdown-runs", the fake `wall` in "wall.txt".
     void startController(const std::vector<std::string>& simOptions, const std::string& ini)
     {
         ASSERT_TRUE(mDir.made());
         for (const char* d : {"lock", "bin", "log"})
             mkdir((home + d).c_str(), 0755);
-        startSimulator(simOptions);
-        ASSERT_EQ(home + "ups", ttyPath) << "the simulator printed no device path";
+        std::vector<std::string> args = {KESTRAVA_BINARY_DIR "/kestrava-upssim", "--log", frames, "--quiet",
+                                         "--link", home + "ups"};
+        args.insert(args.end(), simOptions.begin(), simOptions.end());
+        int in[2], out[2];
+        ASSERT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0);
+        simPid = spawn(args, in[0], out[1], {});
+        close(in[0]);
+        close(out[1]);
+        simIn = in[1];
+        simOut = out[0];
+        ASSERT_EQ(home + "ups", readSimLine()) << "the simulator printed no device path";
+
         // This home as the path, no meter log, the ports on the loopback.
         const int port = 20000 + (getpid() % 10000) * 3;
         writeFile(home + "Kestrava.ini",
-                  "UPSController=1\nDeviceName=" + ttyPath + "\n" + ini + "Path=" + home.substr(0, home.size() - 1) +
+                  "UPSController=1\nDeviceName=" + home + "ups\n" + ini + "Path=" + mDir.path() +
                       "\nDumpLogRate=0\nDumpLogDays=30\nCuiPort=" + std::to_string(port) +
                       "\nIPAddress=127.0.0.1\nCtrlPort1=" + std::to_string(port + 1) +
-                      "\nMemberPort=" + std::to_string(port + 2) + "\nAccessCode1=\n",
-                  0644);
-        writeFile(home + "alert.rc", readFile(std::string(KESTRAVA_SOURCE_DIR) + "/packaging/alert.rc"), 0644);
+                      "\nMemberPort=" + std::to_string(port + 2) + "\nAccessCode1=\n");
+        writeFile(home + "alert.rc", readFile(KESTRAVA_SOURCE_DIR "/packaging/alert.rc"));
         writeFile(home + "shutdown.sh", "#!/bin/sh\ndate +%s.%N >> " + home + "shutdown-runs\n", 0755);
         writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
-        ASSERT_EQ(symlink((std::string(KESTRAVA_BINARY_DIR) + "/kestrava").c_str(), (home + "kestrava").c_str()), 0);
-        startDaemon();
+        ASSERT_EQ(symlink(KESTRAVA_BINARY_DIR "/kestrava", (home + "kestrava").c_str()), 0);
+
+        // The started process detaches; the daemon lives on under the pid in the pid file.
+        const char* path = getenv("PATH");
+        pid_t starter = spawn({home + "kestrava"}, -1, -1,
+                              {"KESTRAVA_PID_FILE=" + home + "Kestrava.pid", "KESTRAVA_LOCK_DIR=" + home + "lock",
+                               "KESTRAVA_SHUTDOWN_CMD=" + home + "shutdown.sh",
+                               "PATH=" + home + "bin:" + (path ? path : "/usr/bin:/bin")});
+        EXPECT_NE(-1, waitBounded(starter, 20)) << "the daemon did not detach";
+        waitFor([&] { return (daemonPid = atoi(readFile(home + "Kestrava.pid").c_str())) > 0; }, 20);
         ASSERT_GT(daemonPid, 0) << "the daemon wrote no pid file";
         ASSERT_TRUE(waitFor([&] { return findTaken(frameLog(), "35") >= 0; }, 90)) << "the daemon never polled";
     }
@@ -135,8 +107,7 @@ public:
         std::vector<FrameLine> out;
         for (const auto& line : readLines(frames)) {
             // "YYYY-MM-DD HH:MM:SS.mmm KIND text"
-            struct tm tm;
-            memset(&tm, 0, sizeof tm);
+            struct tm tm = {};
             int ms = 0, used = 0;
             char kind[8] = {0};
             if (sscanf(line.c_str(), "%d-%d-%d %d:%d:%d.%d %7s %n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
@@ -159,130 +130,48 @@ public:
         return -1;
     }
 
-    // The event log's lines (every monthly file), without their time stamps.
+    // The event log's lines (every monthly file), without their time stamps "YYYY/MM/DD HH:MM:SS ".
     std::vector<std::string> eventLog() const
     {
         std::vector<std::string> all;
-        DIR* d = opendir((home + "log").c_str());
-        if (!d)
-            return all;
-        while (dirent* e = readdir(d)) {
-            std::string name = e->d_name;
-            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".log") == 0)
-                for (const auto& l : readLines(home + "log/" + name))
-                    all.push_back(l.size() > 20 ? l.substr(20) : l);  // "YYYY/MM/DD HH:MM:SS "
-        }
-        closedir(d);
+        std::error_code ec;
+        for (const auto& e : std::filesystem::directory_iterator(home + "log", ec))
+            if (e.path().extension() == ".log")
+                for (const auto& l : readLines(e.path()))
+                    all.push_back(l.size() > 20 ? l.substr(20) : l);
         return all;
-    }
-
-    // One line of the simulator's standard output, waiting at most `seconds`.
-    std::string readSimLine(int seconds)
-    {
-        std::string line;
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (std::chrono::steady_clock::now() < end) {
-            fd_set set;
-            FD_ZERO(&set);
-            FD_SET(simOut, &set);
-            struct timeval tv = {0, 200000};
-            if (select(simOut + 1, &set, nullptr, nullptr, &tv) <= 0)
-                continue;
-            char c;
-            if (read(simOut, &c, 1) != 1)
-                break;
-            if (c == '\n')
-                return line;
-            line += c;
-        }
-        return line;
     }
 
     // A runtime command to the simulator; true when it answered "ok".
     bool simCommand(const std::string& cmd)
     {
         std::string line = cmd + "\n";
-        if (write(simIn, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-            return false;
-        return readSimLine(10).rfind("ok", 0) == 0;
+        return write(simIn, line.data(), line.size()) == static_cast<ssize_t>(line.size()) &&
+               readSimLine().rfind("ok", 0) == 0;
     }
 
-    // Runs the daemon through its symlink with the overrides and the fake
-    // `wall`; daemonPid is then the pid from the pid file.
-    void startDaemon()
-    {
-        pid_t starter = fork();
-        ASSERT_GE(starter, 0);
-        if (starter == 0) {
-            setenv("KESTRAVA_PID_FILE", (home + "Kestrava.pid").c_str(), 1);
-            setenv("KESTRAVA_LOCK_DIR", (home + "lock").c_str(), 1);
-            setenv("KESTRAVA_SHUTDOWN_CMD", (home + "shutdown.sh").c_str(), 1);
-            std::string path = home + "bin:" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin");
-            setenv("PATH", path.c_str(), 1);
-            int devnull = open("/dev/null", O_RDWR);
-            if (devnull >= 0) {
-                dup2(devnull, 0);
-                dup2(devnull, 1);
-            }
-            std::string self = home + "kestrava";
-            execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        // The daemon detaches: the started process returns soon, the daemon
-        // lives on under the pid written to the pid file.
-        EXPECT_NE(-1, waitBounded(starter, 20)) << "the daemon did not detach";
-        waitFor(
-            [&] {
-                auto l = readLines(home + "Kestrava.pid");
-                if (l.empty())
-                    return false;
-                daemonPid = static_cast<pid_t>(atol(l[0].c_str()));
-                return daemonPid > 0;
-            },
-            20);
-    }
-
-    // Termination signal, then the kill signal when it is still there.
-    void stopDaemon()
-    {
-        if (daemonPid <= 0)
-            return;
-        kill(daemonPid, SIGTERM);
-        if (!waitFor([&] { return !pidAlive(daemonPid); }, 15)) {
-            kill(daemonPid, SIGKILL);
-            waitFor([&] { return !pidAlive(daemonPid); }, 5);
-        }
-        daemonPid = -1;
-    }
-
-    void stopSimulator()
-    {
-        if (simPid > 0) {
-            kill(simPid, SIGTERM);
-            int status;
-            if (!waitFor([&] { return waitpid(simPid, &status, WNOHANG) == simPid; }, 10)) {
-                kill(simPid, SIGKILL);
-                waitpid(simPid, &status, 0);
-            }
-            simPid = -1;
-        }
-        if (simIn >= 0)
-            close(simIn);
-        if (simOut >= 0)
-            close(simOut);
-        simIn = simOut = -1;
-    }
-
-    // Ends the daemon and the simulator; removes the home directory, or
-    // keeps it when `keep` (a failed test).
+    // Ends the daemon (termination signal, the kill signal after 15 s) and
+    // the simulator, which must end with status 0 and take its link away.
     void finish(bool keep)
     {
-        stopDaemon();
-        stopSimulator();
-        if (home.empty() || mFinished)
-            return;
-        mFinished = true;
-        if (keep) {
+        if (daemonPid > 0) {
+            kill(daemonPid, SIGTERM);
+            if (!waitFor([&] { return !pidAlive(daemonPid); }, 15))
+                kill(daemonPid, SIGKILL);
+            daemonPid = -1;
+        }
+        if (simPid > 0) {
+            kill(simPid, SIGTERM);
+            int status = waitBounded(simPid, 10);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "simulator wait status " << status;
+            struct stat st;
+            EXPECT_NE(0, lstat((home + "ups").c_str(), &st)) << "the simulator left its link";
+            simPid = -1;
+            close(simIn);
+            close(simOut);
+        }
+        if (keep && !mDir.path().empty() && !mKept) {
+            mKept = true;
             mDir.keep();
             fprintf(stderr, "test files kept in %s\n", home.c_str());
         }
@@ -290,14 +179,43 @@ public:
 
     std::string home;   // with a trailing slash
     std::string frames; // the simulator's frame log
-    std::string ttyPath;
-    pid_t simPid = -1;
     pid_t daemonPid = -1;
-    int simIn = -1;
-    int simOut = -1;
 
 private:
+    // Runs args[0] with stdin/stdout on `in`/`out` (or /dev/null) and `env` added.
+    static pid_t spawn(const std::vector<std::string>& args, int in, int out, const std::vector<std::string>& env)
+    {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
+            dup2(in >= 0 ? in : devnull, 0);
+            dup2(out >= 0 ? out : devnull, 1);
+            for (const std::string& e : env)
+                putenv(strdup(e.c_str()));
+            std::vector<char*> argv;
+            for (const std::string& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        return pid;
+    }
+
+    // One line of the simulator's standard output, waiting at most 10 s.
+    std::string readSimLine()
+    {
+        std::string line;
+        char c;
+        struct pollfd p = {simOut, POLLIN, 0};
+        while (poll(&p, 1, 10000) > 0 && read(simOut, &c, 1) == 1 && c != '\n')
+            line += c;
+        return line;
+    }
+
     TempDir mDir;
     int mPollMs;
-    bool mFinished = false;
+    bool mKept = false;
+    pid_t simPid = -1;
+    int simIn = -1, simOut = -1;
 };

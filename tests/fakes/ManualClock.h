@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstring>
 #include <ctime>
 
 #include "core/Clock.h"
@@ -18,8 +17,7 @@ public:
 
     static time_t utc(int year, int month, int day, int hour, int minute, int second)
     {
-        struct tm t;
-        memset(&t, 0, sizeof t);
+        struct tm t = {};
         t.tm_year = year - 1900;
         t.tm_mon = month - 1;
         t.tm_mday = day;

@@ -11,18 +11,15 @@
 
 class TempConfig {
 public:
-    // The directory is "/tmp/<stem>XXXXXX".
-    explicit TempConfig(const std::string& text, const std::string& stem = "kestrava-config-")
-        : mDir(stem), mPath(mDir.file("Kestrava.ini"))
+    explicit TempConfig(const std::string& text) : mDir("kestrava-config-")
     {
-        writeFile(mPath, text);
-        mMap.reset(new FileMap(mPath));
+        writeFile(mDir.file("Kestrava.ini"), text);
+        mMap.reset(new FileMap(mDir.file("Kestrava.ini")));
     }
 
     FileMap* map() const { return mMap.get(); }
 
 private:
     TempDir mDir;
-    std::string mPath;
     std::unique_ptr<FileMap> mMap; // goes before the directory
 };

@@ -35,23 +35,15 @@ inline std::vector<std::string> readLines(const std::string& path)
     return lines;
 }
 
-// Makes `text` the whole content of the file; false when it cannot be opened.
-inline bool writeFile(const std::string& path, const std::string& text)
+// Makes `text` the whole content of the file, then gives it `mode` when not
+// 0 (0755 for a script); false when it cannot be opened.
+inline bool writeFile(const std::string& path, const std::string& text, mode_t mode = 0)
 {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out)
+    if (!(out << text))
         return false;
-    out << text;
-    return true;
-}
-
-// The same, then gives the file `mode` (0755 for a script).
-inline bool writeFile(const std::string& path, const std::string& text, mode_t mode)
-{
-    if (!writeFile(path, text))
-        return false;
-    chmod(path.c_str(), mode);
-    return true;
+    out.close();
+    return mode == 0 || chmod(path.c_str(), mode) == 0;
 }
 
 class TempDir {

@@ -17,8 +17,6 @@
 
 class XcpLinkRig {
 public:
-    // Builds the data block, controller core, event thread and link around
-    // `config`.
     void wire()
     {
         configPtr = config.get();

@@ -56,11 +56,6 @@ struct XcpUpsScript {
             b += word(static_cast<unsigned>(s));
         return b + char(maxCommandLength);
     }
-    std::string alarmStates() const
-    {
-        return P::bytes({int(activeAlarms.count(56)), int(activeAlarms.count(57)), int(activeAlarms.count(59))});
-    }
-    std::string batteryTest() const { return '\1' + std::string(17, '\0') + text("Test passed") + text("Charge 100%"); }
 
     // Standing replies for every request and action command.
     void install(ScriptedSerialPort& port) const
@@ -76,7 +71,7 @@ struct XcpUpsScript {
         port.standingReply(0x33, P::reply(3, P::bytes({0x50, 100, 30, 0})));
         port.standingReply(0x34, P::reply(4, meters));
         port.standingReply(0x36, P::reply(6, configuration()));
-        port.standingReply(0x3B, P::reply(0x0B, batteryTest()));
+        port.standingReply(0x3B, P::reply(0x0B, '\1' + std::string(17, '\0') + text("Test passed") + text("OK")));
         port.standingReply(0x3C, P::reply(0x0C, limits()));
         port.standingReply(0x40, P::reply(0x10, commandList()));
         port.standingReply(0x41, P::reply(0x11, outlets));
@@ -87,5 +82,9 @@ struct XcpUpsScript {
         updateAlarms(port);
     }
     // Re-installs the alarm block after activeAlarms changed.
-    void updateAlarms(ScriptedSerialPort& port) const { port.standingReply(0x35, P::reply(5, alarmStates())); }
+    void updateAlarms(ScriptedSerialPort& port) const
+    {
+        const std::set<int>& a = activeAlarms;
+        port.standingReply(0x35, P::reply(5, P::bytes({int(a.count(56)), int(a.count(57)), int(a.count(59))})));
+    }
 };

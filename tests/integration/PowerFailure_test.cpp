@@ -7,6 +7,7 @@
 // command (a script that records its runs) and a fake `wall`.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -58,14 +59,6 @@ protected:
 
     void TearDown() override { finish(HasFailure()); }
 
-    int find(const std::vector<FrameLine>& log, const std::string& text)
-    {
-        for (size_t i = 0; i < log.size(); ++i)
-            if (log[i].kind == "RX" && log[i].text == text)
-                return static_cast<int>(i);
-        return -1;
-    }
-
     // Raises alarm 59 and returns the time of the poll that reports it.
     double raiseUtilityFailure()
     {
@@ -87,15 +80,11 @@ TEST_F(PowerFailure, UtilityLossEndsInUpsPowerOffAndHostShutdown)
 
     // Wink 2 s and one countdown minute: the power-off comes about 62 s later.
     int off = -1;
-    ASSERT_TRUE(waitFor(
-        [&] {
-            off = find(frameLog(), kPowerOffFrame);
-            return off >= 0;
-        },
-        120))
+    ASSERT_TRUE(waitFor([&] { return (off = findTaken(frameLog(), "8A")) >= 0; }, 120))
         << "no delayed power-off reached the UPS";
     auto log = frameLog();
     ASSERT_GT(off, 0);
+    EXPECT_EQ(log[off].text, kPowerOffFrame);
     EXPECT_EQ(log[off - 1].text, kAuthFrame) << "the power-off was not preceded by the authorisation";
     const double afterPoll = log[off].time - reported;
     EXPECT_GE(afterPoll, 60.0);
@@ -113,16 +102,13 @@ TEST_F(PowerFailure, UtilityLossEndsInUpsPowerOffAndHostShutdown)
     EXPECT_GE(app[0], log[off].time - 5.0);
 
     log = frameLog();
-    int offs = 0;
-    for (const auto& l : log)
-        offs += (l.kind == "RX" && l.text == kPowerOffFrame) ? 1 : 0;
-    EXPECT_EQ(offs, 1);
+    auto isOff = [](const FrameLine& l) { return l.taken() && l.code() == "8A"; };
+    EXPECT_EQ(std::count_if(log.begin(), log.end(), isOff), 1) << "the power-off was sent more than once";
 
     const std::vector<std::string> events = eventLog();
-    EXPECT_TRUE(contains(events, "Utility power not present (within wink time).")) << ::testing::PrintToString(events);
-    EXPECT_TRUE(contains(events, "will shut down in 1 minute")) << ::testing::PrintToString(events);
-    EXPECT_TRUE(contains(events, "Host shutdown started.")) << ::testing::PrintToString(events);
-    EXPECT_TRUE(contains(events, "Running the host shutdown command.")) << ::testing::PrintToString(events);
+    for (const char* line : {"Utility power not present (within wink time).", "will shut down in 1 minute",
+                             "Host shutdown started.", "Running the host shutdown command."})
+        EXPECT_TRUE(contains(events, line)) << line << " in " << ::testing::PrintToString(events);
 }
 
 TEST_F(PowerFailure, PowerBackDuringTheCountdownCancelsIt)
@@ -139,14 +125,14 @@ TEST_F(PowerFailure, PowerBackDuringTheCountdownCancelsIt)
     while (static_cast<double>(time(nullptr)) < until)
         std::this_thread::sleep_for(std::chrono::seconds(1));
 
-    EXPECT_LT(find(frameLog(), kPowerOffFrame), 0) << "the UPS was told to power off";
+    EXPECT_LT(findTaken(frameLog(), "8A"), 0) << "the UPS was told to power off";
     EXPECT_TRUE(runTimes(appRuns).empty());
     EXPECT_TRUE(runTimes(shutdownRuns).empty());
     EXPECT_TRUE(pidAlive(daemonPid));
 
     const std::vector<std::string> events = eventLog();
-    EXPECT_TRUE(contains(events, "will shut down in 1 minute")) << ::testing::PrintToString(events);
-    EXPECT_TRUE(contains(events, "Power has been restored.")) << ::testing::PrintToString(events);
+    for (const char* line : {"will shut down in 1 minute", "Power has been restored."})
+        EXPECT_TRUE(contains(events, line)) << line << " in " << ::testing::PrintToString(events);
     EXPECT_FALSE(contains(events, "Host shutdown started.")) << ::testing::PrintToString(events);
     EXPECT_TRUE(contains(readLines(home + "wall.txt"), "Power has been restored."));
 }

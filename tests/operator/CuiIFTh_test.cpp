@@ -255,19 +255,18 @@ TEST_F(CuiIFThTest, ListensOnLoopbackByDefaultClosesIdleConnectionsAndHandsAccep
     EXPECT_EQ(FatalStop::status(), 1);
 }
 
-TEST(ConsoleClient, FailsClearlyWithoutADaemonOrAnswer)
+TEST_F(CuiIFThTest, ConsoleClientFailsClearlyWithoutADaemonOrAnswer)
 {
-    TempDir tmp("console_test.");
     const std::string dir = tmp.path();
-    int port = freePort();
-    ChildRun r = runProgram(dir, {kConsole, "--port", std::to_string(port), "ping"});
+    int other = freePort(); // a port other than the console thread's
+    ChildRun r = runProgram(dir, {kConsole, "--port", std::to_string(other), "ping"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("no daemon listens on 127.0.0.1 port " + std::to_string(port)), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("no daemon listens on 127.0.0.1 port " + std::to_string(other)), std::string::npos) << r.err;
 
     // Something listens but never answers.
     int fd = -1;
-    port = freePort(&fd);
-    r = runProgram(dir, {kConsole, "--timeout", "1", "--port", std::to_string(port), "set", "A", "b"});
+    other = freePort(&fd);
+    r = runProgram(dir, {kConsole, "--timeout", "1", "--port", std::to_string(other), "set", "A", "b"});
     close(fd);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;

