@@ -233,9 +233,11 @@ private:
     void appCommandLaunched();
 
     std::deque<EVENTMSGINFO> mQueue;
-    int mStateUps;
-    int mStateBattery;
-    int mStatePower;
+    // Read without the controller's lock (the start-up wait for the UPS, the
+    // UPS link thread), written under it by the rules.
+    std::atomic<int> mStateUps;
+    std::atomic<int> mStateBattery;
+    std::atomic<int> mStatePower;
     PowerRecord mPower[4];
     Settings mSettings[4];
     time_t mNow;
