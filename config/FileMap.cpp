@@ -1,9 +1,10 @@
 // FileMap: key=value configuration store backed by one text file.
 #include "config/FileMap.h"
 
+#include "config/AtomicFile.h"
 #include "config/FileSystem.h"
+#include "core/ErrorLog.h"
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <clocale>
@@ -11,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <syslog.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -27,28 +27,7 @@ const unsigned char kCipherX = 0x3B;
 const int kCipherLen = 50;
 const size_t kCipherTextMax = 49;
 
-// One line on standard error and in the system log.
-void report(const std::string& text)
-{
-    std::fprintf(stderr, "kestrava: %s\n", text.c_str());
-    syslog(LOG_DAEMON | LOG_ERR, "%s", text.c_str());
-}
-
-// The text with every control character shown as '?', fit for a log line.
-std::string printable(const std::string& text)
-{
-    std::string out = text.substr(0, 64);
-    for (char& c : out)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = '?';
-    return out;
-}
-
 bool breaksLine(const std::string& text) { return text.find_first_of(std::string("\r\n\0", 3)) != std::string::npos; }
-
-// Numbers the temporary files of one process, so that two saves never
-// pick the same name.
-std::atomic<unsigned> gTempCount{0};
 
 } // namespace
 
@@ -227,87 +206,20 @@ bool FileMap::readLines(std::vector<std::string>* lines, struct stat* st)
     return true;
 }
 
-// Writes the text into a new file beside the old one, with the old one's
-// mode and owner, flushes it to disk and renames it over the old one, so
-// that a crash or a full disk leaves either the old or the new file, never
-// a half-written one. On failure the temporary file is removed.
+// Replaces the file whole (see AtomicFile) with the old one's mode and
+// owner. A link is followed: the file it names is replaced, the link kept.
 int FileMap::replaceFile(const std::string& text, const struct stat& original)
 {
-    // A link is followed: the file it names is replaced, the link kept.
     std::string target = mFileName;
     char resolved[PATH_MAX];
     if (realpath(mFileName.c_str(), resolved) != nullptr)
         target = resolved;
-    std::string::size_type slash = target.rfind('/');
-    std::string dir = slash == std::string::npos ? std::string(".") : target.substr(0, slash == 0 ? 1 : slash);
-
-    std::string temp;
-    int fd = -1;
-    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        temp = target + ".tmp." + std::to_string(getpid()) + "." + std::to_string(gTempCount++);
-        fd = mFs->open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (fd < 0 && errno != EEXIST)
-            break;
-    }
-    const char* step = "creating a temporary file";
-    bool ok = fd >= 0;
-    size_t done = 0;
-    if (ok)
-        step = "write";
-    while (ok && done < text.size()) {
-        ssize_t n = mFs->write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            if (n == 0)
-                errno = EIO;
-            ok = false;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    if (ok) {
-        step = "fchown";
-        ok = mFs->fchown(fd, original.st_uid, original.st_gid) == 0;
-    }
-    if (ok) {
-        step = "fchmod";
-        ok = mFs->fchmod(fd, original.st_mode & 07777) == 0;
-    }
-    if (ok) {
-        step = "fsync";
-        ok = mFs->fsync(fd) == 0;
-    }
-    if (fd >= 0) {
-        int err = errno;
-        if (mFs->close(fd) != 0 && ok) {
-            step = "close";
-            ok = false;
-            err = errno;
-        }
-        errno = err;
-    }
-    if (ok) {
-        step = "rename";
-        ok = mFs->rename(temp.c_str(), target.c_str()) == 0;
-    }
-    if (!ok) {
-        int err = errno;
-        if (fd >= 0)
-            mFs->unlink(temp.c_str());
-        report("cannot save " + mFileName + ": " + step + " failed: " + std::strerror(err) +
-               "; the file is left as it was");
-        return 0;
-    }
-
-    // The rename is durable only once the directory is on disk too. The file
-    // already holds the new values when this fails, so the save counts.
-    int dfd = mFs->open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-    if (dfd < 0 || mFs->fsync(dfd) != 0)
-        report("saved " + mFileName + " but could not flush its directory: " + std::strerror(errno));
-    if (dfd >= 0)
-        mFs->close(dfd);
-    return 1;
+    AtomicFile::Attributes attr;
+    attr.mode = original.st_mode & 07777;
+    attr.setOwner = true;
+    attr.uid = original.st_uid;
+    attr.gid = original.st_gid;
+    return AtomicFile::replace(*mFs, target, text, attr, mFileName) ? 1 : 0;
 }
 
 std::string FileMap::getConf(std::string key)
@@ -331,7 +243,7 @@ int FileMap::setConf(std::string key, std::string value)
     // A line break stored here would become lines of their own (new keys)
     // at the next save.
     if (breaksLine(key) || breaksLine(value)) {
-        report("refused to set \"" + printable(key) + "\" in " + mFileName +
+        ErrorLog::report("refused to set \"" + ErrorLog::printable(key) + "\" in " + mFileName +
                ": the key or value holds a line break or NUL");
         return 0;
     }

@@ -5,29 +5,13 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <syslog.h>
 #include <vector>
 
 #include "control/Codes.h"
 #include "control/StCTrl.h"
+#include "core/ErrorLog.h"
 
 namespace {
-
-void report(const std::string& text)
-{
-    std::fprintf(stderr, "kestrava: %s\n", text.c_str());
-    syslog(LOG_DAEMON | LOG_ERR, "%s", text.c_str());
-}
-
-// A text for a log line: control characters shown as '?', at most 64 bytes.
-std::string printable(const std::string& text)
-{
-    std::string out = text.substr(0, 64);
-    for (char& c : out)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = '?';
-    return out;
-}
 
 std::string idOf(const char* field) { return MemberFiles::field(field, kMembIdSize); }
 
@@ -143,7 +127,7 @@ int IpcData::InitMember(std::string address, int port, std::string id, bool flag
 {
     id = id.substr(0, kMembIdSize);
     if (id.empty() || !MemberFiles::isClean(id) || !MemberFiles::isClean(address)) {
-        report("member \"" + printable(id) + "\" at \"" + printable(address) +
+        ErrorLog::report("member \"" + ErrorLog::printable(id) + "\" at \"" + ErrorLog::printable(address) +
                "\" refused: an empty ID or a control character in its ID or address");
         return -1;
     }
@@ -156,7 +140,7 @@ int IpcData::InitMember(std::string address, int port, std::string id, bool flag
             if (mSlotIndex[s].empty())
                 slot = s;
         if (slot == 0) {
-            report("member \"" + printable(id) + "\" refused: the member table holds 63 members");
+            ErrorLog::report("member \"" + ErrorLog::printable(id) + "\" refused: the member table holds 63 members");
             return -1;
         }
         mSlotIndex[slot] = id;
@@ -224,7 +208,7 @@ int IpcData::SetMembIPAddr(DUP_MEMB_INFO* rec, const char* address)
     if (!rec || !address)
         return 0;
     if (!MemberFiles::isClean(address)) {
-        report("address \"" + printable(address) + "\" of member \"" + printable(idOf(rec->memberId)) +
+        ErrorLog::report("address \"" + ErrorLog::printable(address) + "\" of member \"" + ErrorLog::printable(idOf(rec->memberId)) +
                "\" refused: it holds a control character");
         return -1;
     }
@@ -242,7 +226,7 @@ int IpcData::SetMembNameString(DUP_MEMB_INFO* rec, const char* name)
     if (!rec || !name)
         return 0;
     if (!MemberFiles::isClean(name)) {
-        report("name \"" + printable(name) + "\" of member \"" + printable(idOf(rec->memberId)) +
+        ErrorLog::report("name \"" + ErrorLog::printable(name) + "\" of member \"" + ErrorLog::printable(idOf(rec->memberId)) +
                "\" refused: it holds a control character");
         return -1;
     }

@@ -1,33 +1,20 @@
 // MemberFiles: reading and atomically replacing the member table's files.
 #include "ipc/MemberFiles.h"
 
+#include "config/AtomicFile.h"
 #include "config/FileSystem.h"
+#include "core/ErrorLog.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <syslog.h>
 #include <unistd.h>
 
 namespace {
 
-// One line on standard error and in the system log.
-void report(const std::string& text)
-{
-    std::fprintf(stderr, "kestrava: %s\n", text.c_str());
-    syslog(LOG_DAEMON | LOG_ERR, "%s", text.c_str());
-}
-
 // The text with every control character shown as '?' (for files and logs).
-std::string fileSafe(std::string text)
-{
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = '?';
-    return text;
-}
+std::string fileSafe(const std::string& text) { return ErrorLog::printable(text, std::string::npos); }
 
 // The decimal port of a member-file line, or -1 when it is not a number
 // from 0 to 65535.
@@ -43,9 +30,6 @@ int parsePort(const std::string& line)
     }
     return v <= 65535 ? v : -1;
 }
-
-// Numbers the temporary files of one process.
-std::atomic<unsigned> gTempCount{0};
 
 } // namespace
 
@@ -108,7 +92,7 @@ bool MemberFiles::readMembers(std::vector<Entry>* out, size_t max)
     int fd = mFs->open(mMembInfo.c_str(), O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         if (errno != ENOENT)
-            report("cannot read " + mMembInfo + ": " + std::strerror(errno));
+            ErrorLog::report("cannot read " + mMembInfo + ": " + std::strerror(errno));
         return false;
     }
     std::string text;
@@ -127,7 +111,7 @@ bool MemberFiles::readMembers(std::vector<Entry>* out, size_t max)
     int err = errno;
     mFs->close(fd);
     if (!ok) {
-        report("cannot read " + mMembInfo + ": " + std::strerror(err));
+        ErrorLog::report("cannot read " + mMembInfo + ": " + std::strerror(err));
         return false;
     }
 
@@ -147,11 +131,11 @@ bool MemberFiles::readMembers(std::vector<Entry>* out, size_t max)
         if (lines[i].empty())
             break;
         if (i + 3 >= lines.size()) {
-            report(mMembInfo + ": the last member is incomplete and was not loaded");
+            ErrorLog::report(mMembInfo + ": the last member is incomplete and was not loaded");
             break;
         }
         if (out->size() >= max) {
-            report(mMembInfo + ": more members than the table holds; the rest were not loaded");
+            ErrorLog::report(mMembInfo + ": more members than the table holds; the rest were not loaded");
             break;
         }
         Entry e;
@@ -163,7 +147,7 @@ bool MemberFiles::readMembers(std::vector<Entry>* out, size_t max)
         for (const Entry& o : *out)
             seen = seen || o.id == e.id;
         if (!isClean(lines[i]) || !isClean(lines[i + 1]) || !isClean(lines[i + 2]) || e.port < 0 || seen) {
-            report(mMembInfo + ": member \"" + fileSafe(e.id) + "\" skipped: " +
+            ErrorLog::report(mMembInfo + ": member \"" + fileSafe(e.id) + "\" skipped: " +
                    (seen ? "its ID appears twice" : "a control character or a bad port"));
             continue;
         }
@@ -186,80 +170,18 @@ bool MemberFiles::writeMembers(const std::vector<Entry>& members)
 
 bool MemberFiles::writeStatus(const std::string& text) { return replace(mStatus, text); }
 
-// Writes the text into a new file beside the old one, flushes it and renames
-// it over the old one (a link in its place is replaced, not followed). The
-// new file keeps the old one's permissions, or gets 0644. On failure the
-// temporary file is removed and the old file stays.
+// Replaces the file whole (see AtomicFile); a link in its place is
+// replaced, not followed. The new file keeps the old one's permissions, or
+// gets 0644.
 bool MemberFiles::replace(const std::string& path, const std::string& text)
 {
-    mode_t mode = 0644;
+    AtomicFile::Attributes attr;
     int old = mFs->open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0);
     if (old >= 0) {
         struct stat st;
         if (mFs->fstat(old, &st) == 0)
-            mode = st.st_mode & 0777;
+            attr.mode = st.st_mode & 0777;
         mFs->close(old);
     }
-    std::string::size_type slash = path.rfind('/');
-    std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash == 0 ? 1 : slash);
-
-    std::string temp;
-    int fd = -1;
-    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        temp = path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(gTempCount++);
-        fd = mFs->open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (fd < 0 && errno != EEXIST)
-            break;
-    }
-    const char* step = "creating a temporary file";
-    bool ok = fd >= 0;
-    size_t done = 0;
-    if (ok)
-        step = "write";
-    while (ok && done < text.size()) {
-        ssize_t n = mFs->write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            if (n == 0)
-                errno = EIO;
-            ok = false;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    if (ok) {
-        step = "fchmod";
-        ok = mFs->fchmod(fd, mode) == 0;
-    }
-    if (ok) {
-        step = "fsync";
-        ok = mFs->fsync(fd) == 0;
-    }
-    if (fd >= 0) {
-        int err = errno;
-        if (mFs->close(fd) != 0 && ok) {
-            step = "close";
-            ok = false;
-            err = errno;
-        }
-        errno = err;
-    }
-    if (ok) {
-        step = "rename";
-        ok = mFs->rename(temp.c_str(), path.c_str()) == 0;
-    }
-    if (!ok) {
-        int err = errno;
-        if (fd >= 0)
-            mFs->unlink(temp.c_str());
-        report("cannot save " + path + ": " + step + " failed: " + std::strerror(err) + "; the file is left as it was");
-        return false;
-    }
-    int dfd = mFs->open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-    if (dfd < 0 || mFs->fsync(dfd) != 0)
-        report("saved " + path + " but could not flush its directory: " + std::strerror(errno));
-    if (dfd >= 0)
-        mFs->close(dfd);
-    return true;
+    return AtomicFile::replace(*mFs, path, text, attr, path);
 }
