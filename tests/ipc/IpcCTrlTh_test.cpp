@@ -1,0 +1,300 @@
+// The protocol base: how many times an unanswered request is queued before
+// it is given up, the header bytes of requests and replies on the wire, the
+// timer blocks that travel with them, and the timer notifications it posts
+// to the controller core.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control/Codes.h"
+#include "control/StCTrl.h"
+#include "ipc/DG2Bodies.h"
+#include "ipc/IpcCTrlTh.h"
+#include "ipc/IpcData.h"
+#include "tests/fakes/DG2Builder.h"
+#include "tests/fakes/EventRecords.h"
+#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempDir.h"
+
+namespace {
+
+// A protocol thread whose repetition simply queues the saved request again.
+class ProbeTh : public IpcCTrlTh {
+public:
+    using IpcCTrlTh::IpcCTrlTh;
+    int timeOut(int id) { return HandleTimeOut(id); }
+    std::vector<int> resent;
+    std::vector<int> gaveUp;
+
+protected:
+    int Resend(unsigned char msg) override
+    {
+        resent.push_back(msg);
+        return SendRetry();
+    }
+    void GiveUp(unsigned char msg) override { gaveUp.push_back(msg); }
+};
+
+// A controller core, a member table with one member, and a protocol thread.
+struct Rig {
+    ManualClock clock;
+    StCTrl core{&clock};
+    TempDir dir{"ctrlbase"};
+    IpcData table{core, dir.path(), dir.path()};
+    ProbeTh th;
+    int slot;
+
+    explicit Rig(IpcCTrlTh::Role role = IpcCTrlTh::Role::Controller, const char* own = "ctrl-host")
+        : th(ThCtrlSlot0, table, core, own, role)
+    {
+        slot = table.InitMember("10.0.0.5", 6001, "memb-a", false, ThCtrlSlot0, SqNew, nullptr);
+        DUP_MEMB_INFO m;
+        table.GetMembInfo(slot, &m);
+        th.SetMember(m, false);
+        drainEvents(core);
+    }
+
+    // What the transport does with the oldest queued record: takes it and,
+    // when it carries a time-out, arms it under a new timer id (0: none).
+    int transmit(IPC_DATA_REC* rec)
+    {
+        if (!table.getSdData(rec))
+            return -1;
+        if (rec->ret.timeOut == 0)
+            return 0;
+        int id = table.GetTimerID();
+        table.SetTimerInfo(id, &rec->ret);
+        return id;
+    }
+
+    // Sends a request, then lets every time-out run out: the records queued.
+    std::vector<IPC_DATA_REC> unanswered(int msg, int limit, int maxTimeOuts)
+    {
+        th.SendData(static_cast<unsigned char>(msg), 100, 10, limit, IPC_DST_ONE, 7);
+        std::vector<IPC_DATA_REC> sent;
+        IPC_DATA_REC rec;
+        for (int id; (id = transmit(&rec)) >= 0;) {
+            sent.push_back(rec);
+            if (id == 0 || int(sent.size()) > maxTimeOuts)
+                break;
+            th.timeOut(id);
+        }
+        return sent;
+    }
+};
+
+// The bytes a datagram has on the wire, as the transport sends it.
+std::string wire(DG2MessageType m)
+{
+    SetHedVer(&m);
+    ByteOrderChg(&m);
+    return std::string(reinterpret_cast<const char*>(&m), DG2::kHeaderSize + m.bodyLen);
+}
+
+} // namespace
+
+TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
+{
+    {
+        Rig r;
+        auto sent = r.unanswered(DG2::MsgShutdownTiming, 3, 20);
+        ASSERT_EQ(sent.size(), 3u) << "limit 3: first transmission and two repetitions";
+        std::vector<int> attempts;
+        for (const auto& rec : sent) {
+            attempts.push_back(rec.ret.attempts);
+            EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(sent[0].msg));
+            EXPECT_EQ(rec.ret.limit, 3);
+            EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
+        }
+        EXPECT_EQ(attempts, (std::vector<int>{0, 2, 4})) << "the counter advances by two per repetition";
+        EXPECT_EQ(sent[0].mode, IPC_DST_ONE);
+        EXPECT_EQ(sent[0].value, 7);
+        EXPECT_EQ(sent[1].mode, IPC_DST_REPLY);
+        EXPECT_EQ(sent[1].value, 0);
+        EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgShutdownTiming});
+        EXPECT_EQ(r.table.timersPending(), 0u);
+        EXPECT_EQ(r.table.sendQueued(), 0u);
+    }
+    {
+        Rig r;
+        auto sent = r.unanswered(DG2::MsgPowerReport, 0, 20);
+        EXPECT_EQ(sent.size(), 1u) << "limit 0: never repeated";
+        EXPECT_TRUE(r.th.resent.empty());
+        EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgPowerReport});
+    }
+    {
+        Rig r;
+        auto sent = r.unanswered(DG2::MsgSettings, -1, 10);
+        EXPECT_EQ(sent.size(), 11u) << "limit -1: still repeating after 10 time-outs";
+        EXPECT_TRUE(r.th.gaveUp.empty());
+        EXPECT_EQ(r.table.timersPending(), 1u);
+    }
+    {
+        // A time-out whose timer is gone (answered, cancelled) does nothing.
+        Rig r;
+        EXPECT_EQ(r.th.timeOut(42), 0);
+        EXPECT_EQ(r.table.sendQueued(), 0u);
+        EXPECT_TRUE(r.th.gaveUp.empty());
+    }
+}
+
+TEST(IpcCTrlThRepeat, AttemptCounterWrapsAboveTheBound)
+{
+    Rig r;
+    r.th.SendData(DG2::MsgSettings, 10, 10, -1, IPC_DST_ONE, 0);
+    IPC_DATA_REC rec;
+    r.table.getSdData(&rec);
+    rec.ret.attempts = IpcCTrlTh::kAttemptWrap - 1;
+    r.table.SetTimerInfo(r.table.GetTimerID(), &rec.ret);
+    r.th.timeOut(rec.ret.timerId); // 99999 + 1 in the time-out, + 1 on queuing: above the bound
+    ASSERT_EQ(r.table.getSdData(&rec), 1);
+    EXPECT_EQ(rec.ret.attempts, 0);
+}
+
+TEST(IpcCTrlThHeader, RequestsOnTheWire)
+{
+    {
+        Rig r;
+        std::memset(r.th.OutBody(), 'B', 100);
+        r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
+        IPC_DATA_REC rec;
+        ASSERT_EQ(r.table.getSdData(&rec), 1);
+        DG2MessageType expect = DG2Builder(DG2::MsgAccessCode)
+                                    .from("ctrl-host", DG2::KindController)
+                                    .to("10.0.0.5", DG2::KindMember)
+                                    .bodyBytes(0, std::string(100, 'B'))
+                                    .msg();
+        EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
+        const std::string w = wire(rec.msg);
+        EXPECT_EQ(uint8_t(w[0]), 0xD2);
+        EXPECT_EQ(uint8_t(w[1]), 0xFF);
+        EXPECT_EQ(uint8_t(w[38]), 19);
+        EXPECT_EQ(uint8_t(w[72]), 17);
+        EXPECT_EQ(w.substr(74, 8), std::string(8, '\0'));
+        EXPECT_EQ(uint8_t(w[82]) | uint8_t(w[83]) << 8, DG2::kBodyAccessCode);
+        EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
+        EXPECT_EQ(rec.ret.awaited, DG2::MsgAccessCode);
+        EXPECT_EQ(rec.ret.timeOut, 10);
+        EXPECT_EQ(rec.ret.threadId, ThCtrlSlot0);
+        EXPECT_EQ(DG2FieldText(rec.name, 32), "memb-a");
+    }
+    {
+        // A member addresses its configured controller; an own name of 40
+        // characters is cut to the 32-byte field.
+        const std::string longName(40, 'm');
+        Rig r(IpcCTrlTh::Role::Member, longName.c_str());
+        r.th.SetControllerAddress("10.0.0.1");
+        EXPECT_TRUE(r.th.InstallTypeIsIP());
+        r.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
+        IPC_DATA_REC rec;
+        ASSERT_EQ(r.table.getSdData(&rec), 1);
+        EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
+                                            std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
+        EXPECT_EQ(std::string(rec.msg.srcName, 32), std::string(32, 'm'));
+        r.th.SetControllerAddress("*ctrl");
+        EXPECT_FALSE(r.th.InstallTypeIsIP());
+    }
+    {
+        // A member known by identity is addressed by the destination text.
+        Rig r;
+        DUP_MEMB_INFO m = r.th.Member();
+        r.th.SetMember(m, true);
+        r.th.SetDestinationText(" ident-7");
+        r.th.SendData(DG2::MsgSettings, DG2::kBodySettings, 10, 3, IPC_DST_ONE, 0);
+        IPC_DATA_REC rec;
+        ASSERT_EQ(r.table.getSdData(&rec), 1);
+        EXPECT_EQ(DG2FieldText(rec.msg.dstName, 32), " ident-7");
+    }
+}
+
+TEST(IpcCTrlThHeader, RepliesOnTheWire)
+{
+    Rig r;
+    auto reply = [&](const DG2MessageType& request, int msg, int body) {
+        r.th.SetHandled(request);
+        r.th.SendReply(static_cast<unsigned char>(msg), static_cast<unsigned short>(body), 0, -1, 0, 0);
+        IPC_DATA_REC rec;
+        EXPECT_EQ(r.table.getSdData(&rec), 1);
+        EXPECT_EQ(rec.mode, IPC_DST_REPLY);
+        return rec;
+    };
+    // Registration addressed with receiver kind 81: the reply echoes 81,
+    // goes to the request's source name and comes from the name the request used.
+    IPC_DATA_REC rec = reply(DG2Builder(35).from("memb-a", 17).to("ctrl-alias", 81).msg(), 35, 70);
+    DG2MessageType expect = DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).msg();
+    EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
+
+    rec = reply(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg(), 141, 1328);
+    EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(141).result(0).from("ctrl-host", 19).to("10.0.0.5", 17).msg()))
+        << "other messages go to the member's address";
+
+    r.th.SetDestinationText(" ident-7");
+    rec = reply(DG2Builder(129).from(" ident-7", 17).to("ctrl-host", 19).msg(), 129, 0);
+    EXPECT_EQ(DG2FieldText(rec.msg.dstName, 32), " ident-7") << "a source name with a leading blank: destination text";
+
+    // A reply with awaited -1 arms no wait; one with an awaited message does,
+    // and never repeats the reply when it runs out.
+    EXPECT_EQ(rec.ret.awaited, -1);
+    EXPECT_EQ(rec.ret.timeOut, 0);
+    EXPECT_EQ(r.transmit(&rec), -1);
+    r.th.SetHandled(DG2Builder(181).from("memb-a", 17).to("ctrl-host", 19).msg());
+    r.th.SendReply(181, 152, 0, 140, 30, 0);
+    const int id = r.transmit(&rec);
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(rec.ret.awaited, 140);
+    EXPECT_EQ(rec.ret.limit, 0);
+    r.th.timeOut(id);
+    EXPECT_EQ(r.table.sendQueued(), 0u);
+    EXPECT_EQ(r.th.gaveUp, std::vector<int>{181});
+
+    // The member side replies 17 -> 19 to its destination text.
+    Rig m(IpcCTrlTh::Role::Member, "memb-host");
+    m.th.SetDestinationText("10.0.0.1");
+    m.th.SetHandled(DG2Builder(0).from("10.0.0.1", 19).to("memb-alias", 17).msg());
+    m.th.SendReply(0, 497, 0, 181, 30, 0);
+    ASSERT_EQ(m.table.getSdData(&rec), 1);
+    EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(0).result(0).from("memb-alias", 17).to("10.0.0.1", 19).msg()));
+}
+
+TEST(IpcCTrlThTimers, TimeOutAndCommunicationErrorTimerNotifications)
+{
+    Rig r;
+    const int now = int(r.clock.now());
+    r.th.SetHandled(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg());
+    const int id = r.th.SetTimeOut(181, 30);
+    EXPECT_GE(id, TmNetFirst);
+    EXPECT_LE(id, TmNetLast);
+    EXPECT_EQ(drainDescribed(r.core),
+              std::vector<std::string>{describe(eventRecord(ThTimer, EvTimerStart, {id, now + 30, 0, ThCtrlSlot0}))});
+    int found = 0;
+    IPC_DATA_RET block = r.table.GetTimerInfo(id, &found);
+    ASSERT_EQ(found, 1);
+    EXPECT_EQ(DG2FieldText(block.peerName, 32), "memb-a");
+    EXPECT_EQ(block.awaited, 181);
+    EXPECT_EQ(block.timeOut, 30);
+    EXPECT_EQ(block.msgNo, 0);
+    EXPECT_EQ(block.limit, 0);
+    EXPECT_EQ(block.threadId, ThCtrlSlot0);
+
+    const int commId = IpcCTrlTh::CommErrTimerId(r.slot);
+    EXPECT_GE(commId, TmNet2First);
+    EXPECT_LE(commId, TmNet2Last);
+    EXPECT_NE(IpcCTrlTh::CommErrTimerId(r.slot + 1), commId);
+    r.th.SetCommunicationErrorTimer_First(60);
+    r.th.SetCommunicationErrorTimer();
+    r.th.CancelCommunicationErrorTimer();
+    EXPECT_EQ(drainDescribed(r.core),
+              (std::vector<std::string>{
+                  describe(eventRecord(ThTimer, EvTimerStart, {commId, now + 60, 0, ThCtrlSlot0})),
+                  describe(eventRecord(ThTimer, EvTimerStart, {commId, now + 90, 0, ThCtrlSlot0})),
+                  describe(eventRecord(ThTimer, EvTimerStop, {commId, ThCtrlSlot0})),
+              }));
+
+    // A peer that is not in the member table has no such timer.
+    r.th.SetHandled(DG2Builder(129).from("stranger", 17).to("ctrl-host", 19).msg());
+    EXPECT_EQ(r.th.SetCommunicationErrorTimer(), 0);
+    EXPECT_EQ(r.th.CancelCommunicationErrorTimer(), 0);
+    EXPECT_TRUE(drainEvents(r.core).empty());
+}
