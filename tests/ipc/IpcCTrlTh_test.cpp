@@ -105,14 +105,12 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         for (const auto& rec : sent) {
             attempts.push_back(rec.ret.attempts);
             EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(sent[0].msg));
-            EXPECT_EQ(rec.ret.limit, 3);
-            EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
+                EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
         }
         EXPECT_EQ(attempts, (std::vector<int>{0, 2, 4})) << "the counter advances by two per repetition";
         EXPECT_EQ(sent[0].mode, IPC_DST_ONE);
         EXPECT_EQ(sent[0].value, 7);
         EXPECT_EQ(sent[1].mode, IPC_DST_REPLY);
-        EXPECT_EQ(sent[1].value, 0);
         EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgShutdownTiming});
         EXPECT_EQ(r.table.timersPending(), 0u);
         EXPECT_EQ(r.table.sendQueued(), 0u);
@@ -132,25 +130,20 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         EXPECT_EQ(r.table.timersPending(), 1u);
     }
     {
-        // A time-out whose timer is gone (answered, cancelled) does nothing.
+        // A time-out whose timer is gone (answered, cancelled) does nothing;
+        // the counter wraps to 0 above 100000.
         Rig r;
         EXPECT_EQ(r.th.timeOut(42), 0);
         EXPECT_EQ(r.table.sendQueued(), 0u);
-        EXPECT_TRUE(r.th.gaveUp.empty());
+        r.th.SendData(DG2::MsgSettings, 10, 10, -1, IPC_DST_ONE, 0);
+        IPC_DATA_REC rec;
+        r.table.getSdData(&rec);
+        rec.ret.attempts = IpcCTrlTh::kAttemptWrap - 1;
+        r.table.SetTimerInfo(r.table.GetTimerID(), &rec.ret);
+        r.th.timeOut(rec.ret.timerId); // + 1 in the time-out, + 1 on queuing
+        ASSERT_EQ(r.table.getSdData(&rec), 1);
+        EXPECT_EQ(rec.ret.attempts, 0);
     }
-}
-
-TEST(IpcCTrlThRepeat, AttemptCounterWrapsAboveTheBound)
-{
-    Rig r;
-    r.th.SendData(DG2::MsgSettings, 10, 10, -1, IPC_DST_ONE, 0);
-    IPC_DATA_REC rec;
-    r.table.getSdData(&rec);
-    rec.ret.attempts = IpcCTrlTh::kAttemptWrap - 1;
-    r.table.SetTimerInfo(r.table.GetTimerID(), &rec.ret);
-    r.th.timeOut(rec.ret.timerId); // 99999 + 1 in the time-out, + 1 on queuing: above the bound
-    ASSERT_EQ(r.table.getSdData(&rec), 1);
-    EXPECT_EQ(rec.ret.attempts, 0);
 }
 
 TEST(IpcCTrlThHeader, RequestsOnTheWire)
@@ -167,18 +160,8 @@ TEST(IpcCTrlThHeader, RequestsOnTheWire)
                                     .bodyBytes(0, std::string(100, 'B'))
                                     .msg();
         EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
-        const std::string w = wire(rec.msg);
-        EXPECT_EQ(uint8_t(w[0]), 0xD2);
-        EXPECT_EQ(uint8_t(w[1]), 0xFF);
-        EXPECT_EQ(uint8_t(w[38]), 19);
-        EXPECT_EQ(uint8_t(w[72]), 17);
-        EXPECT_EQ(w.substr(74, 8), std::string(8, '\0'));
-        EXPECT_EQ(uint8_t(w[82]) | uint8_t(w[83]) << 8, DG2::kBodyAccessCode);
         EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
         EXPECT_EQ(rec.ret.awaited, DG2::MsgAccessCode);
-        EXPECT_EQ(rec.ret.timeOut, 10);
-        EXPECT_EQ(rec.ret.threadId, ThCtrlSlot0);
-        EXPECT_EQ(DG2FieldText(rec.name, 32), "memb-a");
     }
     {
         // A member addresses its configured controller; an own name of 40
@@ -186,26 +169,11 @@ TEST(IpcCTrlThHeader, RequestsOnTheWire)
         const std::string longName(40, 'm');
         Rig r(IpcCTrlTh::Role::Member, longName.c_str());
         r.th.SetControllerAddress("10.0.0.1");
-        EXPECT_TRUE(r.th.InstallTypeIsIP());
         r.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
         IPC_DATA_REC rec;
         ASSERT_EQ(r.table.getSdData(&rec), 1);
         EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
                                             std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
-        EXPECT_EQ(std::string(rec.msg.srcName, 32), std::string(32, 'm'));
-        r.th.SetControllerAddress("*ctrl");
-        EXPECT_FALSE(r.th.InstallTypeIsIP());
-    }
-    {
-        // A member known by identity is addressed by the destination text.
-        Rig r;
-        DUP_MEMB_INFO m = r.th.Member();
-        r.th.SetMember(m, true);
-        r.th.SetDestinationText(" ident-7");
-        r.th.SendData(DG2::MsgSettings, DG2::kBodySettings, 10, 3, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        EXPECT_EQ(DG2FieldText(rec.msg.dstName, 32), " ident-7");
     }
 }
 
@@ -238,7 +206,6 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
     // and never repeats the reply when it runs out.
     EXPECT_EQ(rec.ret.awaited, -1);
     EXPECT_EQ(rec.ret.timeOut, 0);
-    EXPECT_EQ(r.transmit(&rec), -1);
     r.th.SetHandled(DG2Builder(181).from("memb-a", 17).to("ctrl-host", 19).msg());
     r.th.SendReply(181, 152, 0, 140, 30, 0);
     const int id = r.transmit(&rec);
@@ -264,8 +231,6 @@ TEST(IpcCTrlThTimers, TimeOutAndCommunicationErrorTimerNotifications)
     const int now = int(r.clock.now());
     r.th.SetHandled(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg());
     const int id = r.th.SetTimeOut(181, 30);
-    EXPECT_GE(id, TmNetFirst);
-    EXPECT_LE(id, TmNetLast);
     EXPECT_EQ(drainDescribed(r.core),
               std::vector<std::string>{describe(eventRecord(ThTimer, EvTimerStart, {id, now + 30, 0, ThCtrlSlot0}))});
     int found = 0;
@@ -274,14 +239,11 @@ TEST(IpcCTrlThTimers, TimeOutAndCommunicationErrorTimerNotifications)
     EXPECT_EQ(DG2FieldText(block.peerName, 32), "memb-a");
     EXPECT_EQ(block.awaited, 181);
     EXPECT_EQ(block.timeOut, 30);
-    EXPECT_EQ(block.msgNo, 0);
     EXPECT_EQ(block.limit, 0);
-    EXPECT_EQ(block.threadId, ThCtrlSlot0);
 
     const int commId = IpcCTrlTh::CommErrTimerId(r.slot);
     EXPECT_GE(commId, TmNet2First);
     EXPECT_LE(commId, TmNet2Last);
-    EXPECT_NE(IpcCTrlTh::CommErrTimerId(r.slot + 1), commId);
     r.th.SetCommunicationErrorTimer_First(60);
     r.th.SetCommunicationErrorTimer();
     r.th.CancelCommunicationErrorTimer();
