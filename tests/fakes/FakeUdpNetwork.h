@@ -6,7 +6,8 @@
 // that port. Datagrams queue in order; each socket's descriptor is an
 // eventfd that is readable while datagrams wait, so a poll loop runs the
 // same as on real sockets. dropAll/duplicateAll switch on loss and
-// duplication; sent() records every datagram handed to send().
+// duplication; sent() records every datagram handed to send(). One network
+// stands for many hosts, so only the same (address, port) twice is "in use".
 #pragma once
 
 #include <algorithm>
@@ -28,21 +29,15 @@
 class FakeUdpNetwork {
 public:
     struct Datagram {
-        std::string fromAddress;
-        uint16_t fromPort;
-        std::string toAddress;
-        uint16_t toPort;
+        std::string fromAddress; uint16_t fromPort;
+        std::string toAddress; uint16_t toPort;
         std::vector<uint8_t> bytes;
     };
 
     class Socket : public UdpSocket {
     public:
         explicit Socket(FakeUdpNetwork& net) : mNet(net) {}
-        ~Socket() override
-        {
-            close();
-            mNet.forget(this);
-        }
+        ~Socket() override { close(); mNet.forget(this); }
 
         UdpStatus open() override
         {
@@ -57,8 +52,12 @@ public:
                 return fail(EBADF);
             if (!parseBindAddress(address, a))
                 return fail(EINVAL);
+            std::string bound = a.s_addr == htonl(INADDR_ANY) ? std::string() : address;
             std::lock_guard<std::mutex> lock(mNet.mMutex);
-            mAddress = a.s_addr == htonl(INADDR_ANY) ? std::string() : address;
+            for (const Socket* s : mNet.mSockets)
+                if (s != this && port != 0 && s->mPort == port && s->mAddress == bound)
+                    return fail(EADDRINUSE);
+            mAddress = bound;
             mPort = port != 0 ? port : mNet.mNextPort++;
             return UdpStatus::Ok;
         }
@@ -114,11 +113,7 @@ public:
 
     private:
         friend class FakeUdpNetwork;
-        UdpStatus fail(int err)
-        {
-            mError = err;
-            return UdpStatus::Error;
-        }
+        UdpStatus fail(int err) { mError = err; return UdpStatus::Error; }
         void enqueueLocked(const Datagram& d)
         {
             mQueue.push_back(d);
@@ -141,27 +136,19 @@ public:
     std::unique_ptr<Socket> socket()
     {
         std::unique_ptr<Socket> s(new Socket(*this));
-        std::lock_guard<std::mutex> lock(mMutex);
+        std::lock_guard<std::mutex> l(mMutex);
         mSockets.push_back(s.get());
         return s;
     }
-    void addBroadcast(const std::string& address)
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mBroadcast.insert(address);
-    }
-    void dropAll(bool on) { std::lock_guard<std::mutex> lock(mMutex); mDrop = on; }
-    void duplicateAll(bool on) { std::lock_guard<std::mutex> lock(mMutex); mDuplicate = on; }
-    std::vector<Datagram> sent() const
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mSent;
-    }
+    void addBroadcast(const std::string& address) { std::lock_guard<std::mutex> l(mMutex); mBroadcast.insert(address); }
+    void dropAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDrop = on; }
+    void duplicateAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDuplicate = on; }
+    std::vector<Datagram> sent() const { std::lock_guard<std::mutex> l(mMutex); return mSent; }
 
 private:
     void forget(const Socket* s)
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        std::lock_guard<std::mutex> l(mMutex);
         mSockets.erase(std::remove(mSockets.begin(), mSockets.end(), s), mSockets.end());
     }
     void deliverLocked(const Datagram& d)

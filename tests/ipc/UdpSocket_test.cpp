@@ -89,6 +89,12 @@ void checkContract(const Factory& make)
     }
     EXPECT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::WouldBlock);
 
+    // A taken address and port stay with their first owner.
+    std::unique_ptr<UdpSocket> second = make();
+    ASSERT_EQ(second->open(), UdpStatus::Ok);
+    EXPECT_EQ(second->bind("127.0.0.1", port), UdpStatus::Error);
+    EXPECT_EQ(second->error(), EADDRINUSE);
+
     // "*" binds to any address and receives what is sent to 127.0.0.1.
     std::unique_ptr<UdpSocket> any = boundSocket(make, "*");
     ASSERT_EQ(tx->send(big.data(), 84, "127.0.0.1", any->localPort()), UdpStatus::Ok);
