@@ -1,0 +1,184 @@
+// FakeUdpNetwork: an in-memory UDP network for tests of the coordination
+// transport. Sockets made by socket() are keyed by (bound address, port).
+// A send to a broadcast address (addBroadcast; "255.255.255.255" always)
+// reaches every socket bound on that port; any other send reaches the
+// socket bound to that address and port, else one bound to any address on
+// that port. Datagrams queue in order; each socket's descriptor is an
+// eventfd that is readable while datagrams wait, so a poll loop runs the
+// same as on real sockets. dropAll/duplicateAll switch on loss and
+// duplication; sent() records every datagram handed to send(). One network
+// stands for many hosts, so only the same (address, port) twice is "in use".
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "ipc/UdpSocket.h"
+
+class FakeUdpNetwork {
+public:
+    struct Datagram {
+        std::string fromAddress; uint16_t fromPort;
+        std::string toAddress; uint16_t toPort;
+        std::vector<uint8_t> bytes;
+    };
+
+    class Socket : public UdpSocket {
+    public:
+        explicit Socket(FakeUdpNetwork& net) : mNet(net) {}
+        ~Socket() override { close(); mNet.forget(this); }
+
+        UdpStatus open() override
+        {
+            close();
+            mFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
+            return mFd < 0 ? fail(errno) : UdpStatus::Ok;
+        }
+        UdpStatus bind(const std::string& address, uint16_t port) override
+        {
+            in_addr a;
+            if (mFd < 0)
+                return fail(EBADF);
+            if (!parseBindAddress(address, a))
+                return fail(EINVAL);
+            std::string bound = a.s_addr == htonl(INADDR_ANY) ? std::string() : address;
+            std::lock_guard<std::mutex> lock(mNet.mMutex);
+            for (const Socket* s : mNet.mSockets)
+                if (s != this && port != 0 && s->mPort == port && s->mAddress == bound)
+                    return fail(EADDRINUSE);
+            mAddress = bound;
+            mPort = port != 0 ? port : mNet.mNextPort++;
+            return UdpStatus::Ok;
+        }
+        UdpStatus receive(void* buffer, size_t capacity, UdpDatagramInfo& info) override
+        {
+            std::lock_guard<std::mutex> lock(mNet.mMutex);
+            if (mFd < 0)
+                return fail(EBADF);
+            if (mQueue.empty())
+                return UdpStatus::WouldBlock;
+            uint64_t one;
+            (void)!::read(mFd, &one, sizeof one);
+            Datagram d = std::move(mQueue.front());
+            mQueue.pop_front();
+            std::memcpy(buffer, d.bytes.data(), std::min(capacity, d.bytes.size()));
+            info.size = d.bytes.size();
+            info.address = d.fromAddress;
+            info.port = d.fromPort;
+            return info.size > capacity ? UdpStatus::Truncated : UdpStatus::Ok;
+        }
+        UdpStatus send(const void* data, size_t size, const std::string& address, uint16_t port) override
+        {
+            in_addr a;
+            if (mFd < 0)
+                return fail(EBADF);
+            if (!parseAddress(address, a))
+                return fail(EINVAL);
+            std::lock_guard<std::mutex> lock(mNet.mMutex);
+            if (mPort == 0)
+                mPort = mNet.mNextPort++;
+            const uint8_t* p = static_cast<const uint8_t*>(data);
+            Datagram d{mAddress.empty() ? mNet.mHostAddress : mAddress, mPort, address, port,
+                       std::vector<uint8_t>(p, p + size)};
+            mNet.mSent.push_back(d);
+            if (!mNet.mDrop)
+                for (int copy = mNet.mDuplicate ? 2 : 1; copy > 0; --copy)
+                    mNet.deliverLocked(d);
+            return UdpStatus::Ok;
+        }
+        int descriptor() const override { return mFd; }
+        uint16_t localPort() const override { return mPort; }
+        int error() const override { return mError; }
+        void close() override
+        {
+            std::lock_guard<std::mutex> lock(mNet.mMutex);
+            if (mFd >= 0)
+                ::close(mFd);
+            mFd = -1;
+            mPort = 0;
+            mAddress.clear();
+            mQueue.clear();
+        }
+
+    private:
+        friend class FakeUdpNetwork;
+        UdpStatus fail(int err) { mError = err; return UdpStatus::Error; }
+        void enqueueLocked(const Datagram& d)
+        {
+            mQueue.push_back(d);
+            uint64_t one = 1;
+            (void)!::write(mFd, &one, sizeof one);
+        }
+
+        FakeUdpNetwork& mNet;
+        int mFd = -1;
+        std::string mAddress; // empty: bound to any address
+        uint16_t mPort = 0;
+        int mError = 0;
+        std::deque<Datagram> mQueue;
+    };
+
+    // hostAddress: the sender address of sockets bound to any address.
+    explicit FakeUdpNetwork(std::string hostAddress = "127.0.0.1") : mHostAddress(std::move(hostAddress)) {}
+
+    // Sockets must be destroyed before the network.
+    std::unique_ptr<Socket> socket()
+    {
+        std::unique_ptr<Socket> s(new Socket(*this));
+        std::lock_guard<std::mutex> l(mMutex);
+        mSockets.push_back(s.get());
+        return s;
+    }
+    void addBroadcast(const std::string& address) { std::lock_guard<std::mutex> l(mMutex); mBroadcast.insert(address); }
+    void dropAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDrop = on; }
+    void duplicateAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDuplicate = on; }
+    std::vector<Datagram> sent() const { std::lock_guard<std::mutex> l(mMutex); return mSent; }
+
+private:
+    void forget(const Socket* s)
+    {
+        std::lock_guard<std::mutex> l(mMutex);
+        mSockets.erase(std::remove(mSockets.begin(), mSockets.end(), s), mSockets.end());
+    }
+    void deliverLocked(const Datagram& d)
+    {
+        std::vector<Socket*> bound;
+        for (Socket* s : mSockets)
+            if (s->mFd >= 0 && s->mPort == d.toPort)
+                bound.push_back(s);
+        if (mBroadcast.count(d.toAddress) != 0) {
+            for (Socket* s : bound)
+                s->enqueueLocked(d);
+            return;
+        }
+        Socket* any = nullptr;
+        for (Socket* s : bound) {
+            if (s->mAddress == d.toAddress)
+                return s->enqueueLocked(d);
+            if (s->mAddress.empty() && any == nullptr)
+                any = s;
+        }
+        if (any != nullptr)
+            any->enqueueLocked(d);
+    }
+
+    mutable std::mutex mMutex;
+    std::string mHostAddress;
+    std::vector<Socket*> mSockets;
+    std::set<std::string> mBroadcast{"255.255.255.255"};
+    bool mDrop = false;
+    bool mDuplicate = false;
+    uint16_t mNextPort = 40000;
+    std::vector<Datagram> mSent;
+};

@@ -1,0 +1,197 @@
+// The socket seam of the coordination transport: one contract, checked on
+// real sockets over loopback and on the in-memory network, so the fake the
+// transport's tests use behaves as the real socket does.
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
+
+#include "ipc/SystemUdpSocket.h"
+#include "ipc/UdpSocket.h"
+#include "tests/fakes/FakeUdpNetwork.h"
+
+namespace {
+
+using Factory = std::function<std::unique_ptr<UdpSocket>()>;
+
+std::unique_ptr<UdpSocket> boundSocket(const Factory& make, const char* address)
+{
+    std::unique_ptr<UdpSocket> s = make();
+    EXPECT_EQ(s->open(), UdpStatus::Ok);
+    EXPECT_EQ(s->bind(address, 0), UdpStatus::Ok);
+    EXPECT_NE(s->localPort(), 0);
+    return s;
+}
+
+bool readable(const UdpSocket& s, int timeoutMs)
+{
+    pollfd p = {s.descriptor(), POLLIN, 0};
+    return ::poll(&p, 1, timeoutMs) == 1 && (p.revents & POLLIN) != 0;
+}
+
+std::vector<uint8_t> pattern(size_t size, uint8_t seed)
+{
+    std::vector<uint8_t> v(size);
+    for (size_t i = 0; i < size; ++i)
+        v[i] = static_cast<uint8_t>(seed + i * 7);
+    return v;
+}
+
+void checkContract(const Factory& make)
+{
+    std::unique_ptr<UdpSocket> rx = boundSocket(make, "127.0.0.1");
+    std::unique_ptr<UdpSocket> tx = boundSocket(make, "127.0.0.1");
+    const uint16_t port = rx->localPort();
+
+    int fl = ::fcntl(rx->descriptor(), F_GETFD);
+    EXPECT_TRUE(fl >= 0 && (fl & FD_CLOEXEC)) << "descriptor not close-on-exec";
+    fl = ::fcntl(rx->descriptor(), F_GETFL);
+    EXPECT_TRUE(fl >= 0 && (fl & O_NONBLOCK)) << "descriptor blocking";
+
+    // Empty: not readable, and receive says would-block, not error.
+    std::vector<uint8_t> buf(4096);
+    UdpDatagramInfo info;
+    EXPECT_FALSE(readable(*rx, 0));
+    EXPECT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::WouldBlock);
+
+    // A 1412-byte datagram wakes poll and arrives whole with its sender.
+    std::vector<uint8_t> big = pattern(1412, 3);
+    ASSERT_EQ(tx->send(big.data(), big.size(), "127.0.0.1", port), UdpStatus::Ok);
+    ASSERT_TRUE(readable(*rx, 5000));
+    ASSERT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::Ok);
+    ASSERT_EQ(info.size, big.size());
+    EXPECT_EQ(std::memcmp(buf.data(), big.data(), big.size()), 0);
+    EXPECT_EQ(info.address, "127.0.0.1");
+    EXPECT_EQ(info.port, tx->localPort());
+    EXPECT_FALSE(readable(*rx, 0)) << "still readable after the only datagram was taken";
+
+    // Larger than the buffer: reported truncated with its full size and
+    // consumed; the datagrams after it come whole and in order.
+    std::vector<uint8_t> over = pattern(300, 9);
+    ASSERT_EQ(tx->send(over.data(), over.size(), "127.0.0.1", port), UdpStatus::Ok);
+    for (uint8_t i = 1; i <= 3; ++i)
+        ASSERT_EQ(tx->send(&i, 1, "127.0.0.1", port), UdpStatus::Ok);
+    ASSERT_TRUE(readable(*rx, 5000));
+    ASSERT_EQ(rx->receive(buf.data(), 100, info), UdpStatus::Truncated);
+    EXPECT_EQ(info.size, over.size());
+    for (uint8_t i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(readable(*rx, 5000));
+        ASSERT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::Ok);
+        EXPECT_EQ(info.size, 1u);
+        EXPECT_EQ(buf[0], i);
+    }
+    EXPECT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::WouldBlock);
+
+    // A taken address and port stay with their first owner.
+    std::unique_ptr<UdpSocket> second = make();
+    ASSERT_EQ(second->open(), UdpStatus::Ok);
+    EXPECT_EQ(second->bind("127.0.0.1", port), UdpStatus::Error);
+    EXPECT_EQ(second->error(), EADDRINUSE);
+
+    // "*" binds to any address and receives what is sent to 127.0.0.1.
+    std::unique_ptr<UdpSocket> any = boundSocket(make, "*");
+    ASSERT_EQ(tx->send(big.data(), 84, "127.0.0.1", any->localPort()), UdpStatus::Ok);
+    ASSERT_TRUE(readable(*any, 5000));
+    EXPECT_EQ(any->receive(buf.data(), buf.size(), info), UdpStatus::Ok);
+    EXPECT_EQ(info.size, 84u);
+
+    // Texts that are not "*", "" or a dotted IPv4 address bind nothing.
+    for (const char* bad : {"127.0.0", "127.0.0.1.1", "256.0.0.1", "localhost", " 127.0.0.1", "127.0.0.1\n", "0x7f.0.0.1"}) {
+        std::unique_ptr<UdpSocket> s = make();
+        ASSERT_EQ(s->open(), UdpStatus::Ok);
+        EXPECT_EQ(s->bind(bad, 0), UdpStatus::Error) << bad;
+        EXPECT_EQ(s->error(), EINVAL) << bad;
+        EXPECT_EQ(s->localPort(), 0) << bad;
+    }
+    EXPECT_EQ(tx->send(big.data(), 1, "localhost", port), UdpStatus::Error);
+
+    // Closed: no descriptor, and every call is an error.
+    rx->close();
+    EXPECT_EQ(rx->descriptor(), -1);
+    EXPECT_EQ(rx->receive(buf.data(), buf.size(), info), UdpStatus::Error);
+    EXPECT_EQ(rx->send(big.data(), 1, "127.0.0.1", port), UdpStatus::Error);
+    rx->close();
+}
+
+} // namespace
+
+TEST(SystemUdpSocket, KeepsTheSocketContractOverLoopback)
+{
+    checkContract([] { return std::unique_ptr<UdpSocket>(new SystemUdpSocket); });
+
+    SystemUdpSocket s;
+    ASSERT_EQ(s.open(), UdpStatus::Ok);
+    int on = 0;
+    socklen_t len = sizeof on;
+    ASSERT_EQ(::getsockopt(s.descriptor(), SOL_SOCKET, SO_BROADCAST, &on, &len), 0);
+    EXPECT_NE(on, 0) << "broadcast not enabled";
+}
+
+TEST(FakeUdpNetwork, KeepsTheSocketContract)
+{
+    FakeUdpNetwork net;
+    checkContract([&net] { return std::unique_ptr<UdpSocket>(net.socket()); });
+}
+
+TEST(FakeUdpNetwork, DeliversByAddressAndPortBroadcastsToThePortAndRecordsSends)
+{
+    FakeUdpNetwork net("127.0.0.9");
+    net.addBroadcast("127.0.0.255");
+    auto open = [&net](const char* address, uint16_t port) {
+        std::unique_ptr<FakeUdpNetwork::Socket> s = net.socket();
+        EXPECT_EQ(s->open(), UdpStatus::Ok);
+        EXPECT_EQ(s->bind(address, port), UdpStatus::Ok);
+        return s;
+    };
+    auto exact = open("127.0.0.5", 2000);
+    auto any = open("*", 2000);
+    auto bcast = open("127.0.0.255", 2000);
+    auto other = open("*", 2001);
+    auto tx = open("*", 3000);
+    const uint8_t b = 0x5a;
+    std::vector<uint8_t> buf(16);
+    UdpDatagramInfo info;
+    auto count = [&](UdpSocket& s) {
+        int n = 0;
+        while (s.receive(buf.data(), buf.size(), info) == UdpStatus::Ok)
+            ++n;
+        return n;
+    };
+
+    // Unicast: the exact binding wins over the any-address one.
+    tx->send(&b, 1, "127.0.0.5", 2000);
+    EXPECT_EQ(count(*exact), 1);
+    EXPECT_EQ(count(*any), 0);
+    tx->send(&b, 1, "127.0.0.6", 2000);
+    EXPECT_EQ(count(*any), 1);
+    EXPECT_EQ(info.address, "127.0.0.9");
+    EXPECT_EQ(info.port, 3000);
+
+    // Broadcast: every socket on the port, none on another port.
+    tx->send(&b, 1, "127.0.0.255", 2000);
+    EXPECT_EQ(count(*exact) + count(*any) + count(*bcast), 3);
+    EXPECT_EQ(count(*other), 0);
+
+    net.duplicateAll(true);
+    tx->send(&b, 1, "127.0.0.5", 2000);
+    EXPECT_EQ(count(*exact), 2);
+    net.duplicateAll(false);
+    net.dropAll(true);
+    tx->send(&b, 1, "127.0.0.5", 2000);
+    EXPECT_EQ(count(*exact), 0);
+    EXPECT_FALSE(readable(*exact, 0));
+
+    std::vector<FakeUdpNetwork::Datagram> sent = net.sent();
+    ASSERT_EQ(sent.size(), 5u);
+    EXPECT_EQ(sent[2].toAddress, "127.0.0.255");
+    EXPECT_EQ(sent[4].fromAddress, "127.0.0.9");
+    EXPECT_EQ(sent[4].fromPort, 3000);
+    EXPECT_EQ(sent[4].bytes, std::vector<uint8_t>{b});
+}
