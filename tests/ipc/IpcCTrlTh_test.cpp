@@ -80,14 +80,6 @@ struct Rig {
     }
 };
 
-// The bytes a datagram has on the wire, as the transport sends it.
-std::string wire(DG2MessageType m)
-{
-    SetHedVer(&m);
-    ByteOrderChg(&m);
-    return std::string(reinterpret_cast<const char*>(&m), DG2::kHeaderSize + m.bodyLen);
-}
-
 } // namespace
 
 TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
@@ -141,7 +133,7 @@ TEST(IpcCTrlThHeader, RequestsOnTheWire)
                                     .to("10.0.0.5", DG2::KindMember)
                                     .bodyBytes(0, std::string(100, 'B'))
                                     .msg();
-        EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
+        EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(expect).wire()) << DG2Describe(rec.msg);
         EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
     }
     {
@@ -173,7 +165,7 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
     // goes to the request's source name and comes from the name the request used.
     IPC_DATA_REC rec = reply(DG2Builder(35).from("memb-a", 17).to("ctrl-alias", 81).msg(), 35, 70);
     DG2MessageType expect = DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).msg();
-    EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
+    EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(expect).wire()) << DG2Describe(rec.msg);
 
     rec = reply(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg(), 141, 1328);
     EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(141).result(0).from("ctrl-host", 19).to("10.0.0.5", 17).msg()))

@@ -54,13 +54,13 @@ V filesIn(const std::string& dir)
     return names;
 }
 
-IPC_DATA_REC received(int msgNo, const std::string& peer, int thread)
+IPC_DATA_REC received(int msgNo, const std::string& peer)
 {
     IPC_DATA_REC rec;
     std::memset(&rec, 0, sizeof rec);
     rec.msg.msgNo = static_cast<uint8_t>(msgNo);
     std::strncpy(rec.name, peer.c_str(), sizeof rec.name - 1);
-    rec.threadId = thread;
+    rec.threadId = ThCtrlSlot0;
     return rec;
 }
 
@@ -257,30 +257,24 @@ TEST(IpcDataQueues, OnlyTheOldestReceivedRecordIsTakenAndItsOwnerGetsItOnceItIsA
 TEST(IpcDataTimers, CancelStopsTheMatchingTimerOnlyThroughTheControllerCore)
 {
     Rig r;
-    IPC_DATA_RET t30 = timerBlock("10.0.0.5", 35);
-    IPC_DATA_RET t31 = timerBlock("10.0.0.6", 35, 77);
-    IPC_DATA_RET t32 = timerBlock("10.0.0.5", 140);
-    IPC_DATA_RET t33 = timerBlock("@ctl", 230, 0, 7);
-    IPC_DATA_RET t34 = timerBlock("@ctl2", 230, 0, 8);
-    t34.msgNo = 181; // a reply that waits for another message
-    r.table.SetTimerInfo(30, &t30);
-    r.table.SetTimerInfo(31, &t31);
-    r.table.SetTimerInfo(32, &t32);
-    r.table.SetTimerInfo(33, &t33);
-    r.table.SetTimerInfo(34, &t34);
+    IPC_DATA_RET blocks[] = {timerBlock("10.0.0.5", 35), timerBlock("10.0.0.6", 35, 77), timerBlock("10.0.0.5", 140),
+                             timerBlock("@ctl", 230, 0, 7), timerBlock("@ctl2", 230, 0, 8)};
+    blocks[4].msgNo = 181; // a reply that waits for another message
+    for (int i = 0; i < 5; ++i)
+        r.table.SetTimerInfo(30 + i, &blocks[i]);
     int found = -1;
     EXPECT_EQ(r.table.GetTimerInfo(99, &found).awaited, 0);
     EXPECT_EQ(r.table.timersPending(), 5u) << "looking up an unknown id stores nothing";
 
-    IPC_DATA_REC rec = received(35, "10.0.0.6", ThCtrlSlot0);
+    IPC_DATA_REC rec = received(35, "10.0.0.6");
     EXPECT_EQ(r.table.CancelTM(&rec, 0), 1);
     EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStop(102):77"});
     EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "only one entry matched";
-    rec = received(141, "10.0.0.5", ThCtrlSlot0);
+    rec = received(141, "10.0.0.5");
     EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "nothing waits for 141";
     EXPECT_EQ(r.core.queuedEvents(), 0u);
 
-    rec = received(230, "10.9.9.9", ThCtrlSlot0); // the "@" form, picked by its value
+    rec = received(230, "10.9.9.9"); // the "@" form, picked by its value
     EXPECT_EQ(r.table.CancelTM(&rec, 8), 1);
     EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStop(102):34"});
     EXPECT_EQ(r.table.GetTimerInfo(33, &found).awaited, 230);
