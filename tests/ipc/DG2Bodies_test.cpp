@@ -80,9 +80,6 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
     DG2MessageType m = received(b);
     m.bodyLen = 496;
     EXPECT_FALSE(DG2UnpackSettings(m, &back));
-    m = received(b);
-    m.msgNo = DG2::MsgShutdownTiming;
-    EXPECT_FALSE(DG2UnpackSettings(m, &back));
 }
 
 TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)

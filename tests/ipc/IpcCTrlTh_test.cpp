@@ -92,12 +92,14 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         for (const auto& rec : sent) {
             attempts.push_back(rec.ret.attempts);
             EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(sent[0].msg));
-                EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
+            EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
         }
         EXPECT_EQ(attempts, (std::vector<int>{0, 2, 4})) << "the counter advances by two per repetition";
         EXPECT_EQ(sent[1].mode, IPC_DST_REPLY);
         EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgShutdownTiming});
         EXPECT_EQ(r.table.timersPending(), 0u);
+        EXPECT_EQ(r.th.timeOut(42), 0) << "a time-out whose timer is gone (answered, cancelled) does nothing";
+        EXPECT_EQ(r.table.sendQueued(), 0u);
     }
     {
         Rig r;
@@ -112,12 +114,6 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         EXPECT_TRUE(r.th.gaveUp.empty());
         EXPECT_EQ(r.table.timersPending(), 1u);
     }
-    {
-        // A time-out whose timer is gone (answered, cancelled) does nothing.
-        Rig r;
-        EXPECT_EQ(r.th.timeOut(42), 0);
-        EXPECT_EQ(r.table.sendQueued(), 0u);
-    }
 }
 
 TEST(IpcCTrlThHeader, RequestsOnTheWire)
@@ -128,12 +124,9 @@ TEST(IpcCTrlThHeader, RequestsOnTheWire)
         r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
         IPC_DATA_REC rec;
         ASSERT_EQ(r.table.getSdData(&rec), 1);
-        DG2MessageType expect = DG2Builder(DG2::MsgAccessCode)
-                                    .from("ctrl-host", DG2::KindController)
-                                    .to("10.0.0.5", DG2::KindMember)
-                                    .bodyBytes(0, std::string(100, 'B'))
-                                    .msg();
-        EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(expect).wire()) << DG2Describe(rec.msg);
+        std::string expect = DG2Builder(DG2::MsgAccessCode).from("ctrl-host", DG2::KindController)
+                                 .to("10.0.0.5", DG2::KindMember).bodyBytes(0, std::string(100, 'B')).wire();
+        EXPECT_EQ(DG2Builder(rec.msg).wire(), expect) << DG2Describe(rec.msg);
         EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
     }
     {
@@ -164,8 +157,8 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
     // Registration addressed with receiver kind 81: the reply echoes 81,
     // goes to the request's source name and comes from the name the request used.
     IPC_DATA_REC rec = reply(DG2Builder(35).from("memb-a", 17).to("ctrl-alias", 81).msg(), 35, 70);
-    DG2MessageType expect = DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).msg();
-    EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(expect).wire()) << DG2Describe(rec.msg);
+    EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).wire())
+        << DG2Describe(rec.msg);
 
     rec = reply(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg(), 141, 1328);
     EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(141).result(0).from("ctrl-host", 19).to("10.0.0.5", 17).msg()))
@@ -205,7 +198,6 @@ TEST(IpcCTrlThTimers, TimeOutAndCommunicationErrorTimerNotifications)
               std::vector<std::string>{describe(eventRecord(ThTimer, EvTimerStart, {id, now + 30, 0, ThCtrlSlot0}))});
     int found = 0;
     IPC_DATA_RET block = r.table.GetTimerInfo(id, &found);
-    ASSERT_EQ(found, 1);
     EXPECT_EQ(DG2FieldText(block.peerName, 32), "memb-a");
     EXPECT_EQ(block.awaited, 181);
 
