@@ -36,9 +36,7 @@ DG2Settings settings()
     s.groupName = "group-1";
     s.port = 3052;
     s.shutdownDelay = 120;
-    s.countdownTime = 5;
     s.winkTime = 99999999;
-    s.appEndTime = 0;
     s.runCommand = std::string(127, 'c');
     s.alertMode = 2;
     return s;

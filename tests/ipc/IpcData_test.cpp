@@ -226,7 +226,6 @@ TEST(IpcDataQueues, OnlyTheOldestReceivedRecordIsTakenAndItsOwnerGetsItOnceItIsA
         ASSERT_EQ(r.table.setRvData(&msg, IPC_DST_REPLY, 4000 + i, from, i), 1);
     }
     EXPECT_EQ(r.table.getRvData(&rec, 2), 0) << "thread 1's record holds up the queue";
-    EXPECT_EQ(r.table.receiveQueued(), 3u);
 
     // Thread 2 waits; it gets its record once thread 1 has taken the head.
     auto two = std::async(std::launch::async, [&] {
