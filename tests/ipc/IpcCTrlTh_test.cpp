@@ -118,29 +118,15 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
 
 TEST(IpcCTrlThHeader, RequestsOnTheWire)
 {
-    {
-        Rig r;
-        std::memset(r.th.OutBody(), 'B', 100);
-        r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        std::string expect = DG2Builder(DG2::MsgAccessCode).from("ctrl-host", DG2::KindController)
-                                 .to("10.0.0.5", DG2::KindMember).bodyBytes(0, std::string(100, 'B')).wire();
-        EXPECT_EQ(DG2Builder(rec.msg).wire(), expect) << DG2Describe(rec.msg);
-        EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
-    }
-    {
-        // A member addresses its configured controller; an own name of 40
-        // characters is cut to the 32-byte field.
-        const std::string longName(40, 'm');
-        Rig r(IpcCTrlTh::Role::Member, longName.c_str());
-        r.th.SetControllerAddress("10.0.0.1");
-        r.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
-                                            std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
-    }
+    Rig r;
+    std::memset(r.th.OutBody(), 'B', 100);
+    r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
+    IPC_DATA_REC rec;
+    ASSERT_EQ(r.table.getSdData(&rec), 1);
+    std::string expect = DG2Builder(DG2::MsgAccessCode).from("ctrl-host", DG2::KindController)
+                             .to("10.0.0.5", DG2::KindMember).bodyBytes(0, std::string(100, 'B')).wire();
+    EXPECT_EQ(DG2Builder(rec.msg).wire(), expect) << DG2Describe(rec.msg);
+    EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
 }
 
 TEST(IpcCTrlThHeader, RepliesOnTheWire)
@@ -179,8 +165,15 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
     EXPECT_EQ(r.table.sendQueued(), 0u);
     EXPECT_EQ(r.th.gaveUp, std::vector<int>{181});
 
-    // The member side replies 17 -> 19 to its destination text.
-    Rig m(IpcCTrlTh::Role::Member, "memb-host");
+    // The member side addresses its configured controller (an own name of 40 characters is cut to the
+    // 32-byte field) and replies 17 -> 19 to its destination text.
+    const std::string longName(40, 'm');
+    Rig m(IpcCTrlTh::Role::Member, longName.c_str());
+    m.th.SetControllerAddress("10.0.0.1");
+    m.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
+    ASSERT_EQ(m.table.getSdData(&rec), 1);
+    EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
+                                        std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
     m.th.SetDestinationText("10.0.0.1");
     m.th.SetHandled(DG2Builder(0).from("10.0.0.1", 19).to("memb-alias", 17).msg());
     m.th.SendReply(0, 497, 0, 181, 30, 0);
