@@ -22,10 +22,10 @@ public:
         const DG2::BodyLayout* layout = DG2::findLayout(msgNo);
         mMsg.bodyLen = layout ? layout->bodySize : 0;
     }
+    explicit DG2Builder(const DG2MessageType& m) : mMsg(m) {}
 
     DG2Builder& result(uint8_t r) { mMsg.result = r; return *this; }
     DG2Builder& magic(uint8_t m) { mMsg.magic = m; return *this; }
-    DG2Builder& bodyLen(uint16_t n) { mMsg.bodyLen = n; return *this; }
     DG2Builder& from(const char* name, uint16_t kind)
     {
         DG2SetField(mMsg.srcName, sizeof mMsg.srcName, name);

@@ -5,9 +5,9 @@
 // socket bound to that address and port, else one bound to any address on
 // that port. Datagrams queue in order; each socket's descriptor is an
 // eventfd that is readable while datagrams wait, so a poll loop runs the
-// same as on real sockets. dropAll/duplicateAll switch on loss and
-// duplication; sent() records every datagram handed to send(). One network
-// stands for many hosts, so only the same (address, port) twice is "in use".
+// same as on real sockets. dropAll switches on loss; sent() records every
+// datagram handed to send(). One network stands for many hosts, so only the
+// same (address, port) twice is "in use".
 #pragma once
 
 #include <algorithm>
@@ -93,8 +93,7 @@ public:
                        std::vector<uint8_t>(p, p + size)};
             mNet.mSent.push_back(d);
             if (!mNet.mDrop)
-                for (int copy = mNet.mDuplicate ? 2 : 1; copy > 0; --copy)
-                    mNet.deliverLocked(d);
+                mNet.deliverLocked(d);
             return UdpStatus::Ok;
         }
         int descriptor() const override { return mFd; }
@@ -142,7 +141,6 @@ public:
     }
     void addBroadcast(const std::string& address) { std::lock_guard<std::mutex> l(mMutex); mBroadcast.insert(address); }
     void dropAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDrop = on; }
-    void duplicateAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDuplicate = on; }
     std::vector<Datagram> sent() const { std::lock_guard<std::mutex> l(mMutex); return mSent; }
 
 private:
@@ -178,7 +176,6 @@ private:
     std::vector<Socket*> mSockets;
     std::set<std::string> mBroadcast{"255.255.255.255"};
     bool mDrop = false;
-    bool mDuplicate = false;
     uint16_t mNextPort = 40000;
     std::vector<Datagram> mSent;
 };

@@ -25,15 +25,10 @@ class ProbeTh : public IpcCTrlTh {
 public:
     using IpcCTrlTh::IpcCTrlTh;
     int timeOut(int id) { return HandleTimeOut(id); }
-    std::vector<int> resent;
     std::vector<int> gaveUp;
 
 protected:
-    int Resend(unsigned char msg) override
-    {
-        resent.push_back(msg);
-        return SendRetry();
-    }
+    int Resend(unsigned char) override { return SendRetry(); }
     void GiveUp(unsigned char msg) override { gaveUp.push_back(msg); }
 };
 
@@ -85,14 +80,6 @@ struct Rig {
     }
 };
 
-// The bytes a datagram has on the wire, as the transport sends it.
-std::string wire(DG2MessageType m)
-{
-    SetHedVer(&m);
-    ByteOrderChg(&m);
-    return std::string(reinterpret_cast<const char*>(&m), DG2::kHeaderSize + m.bodyLen);
-}
-
 } // namespace
 
 TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
@@ -105,21 +92,19 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         for (const auto& rec : sent) {
             attempts.push_back(rec.ret.attempts);
             EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(sent[0].msg));
-                EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
+            EXPECT_EQ(rec.ret.handle, rec.ret.timerId) << "a repetition runs under its own new timer";
         }
         EXPECT_EQ(attempts, (std::vector<int>{0, 2, 4})) << "the counter advances by two per repetition";
-        EXPECT_EQ(sent[0].mode, IPC_DST_ONE);
-        EXPECT_EQ(sent[0].value, 7);
         EXPECT_EQ(sent[1].mode, IPC_DST_REPLY);
         EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgShutdownTiming});
         EXPECT_EQ(r.table.timersPending(), 0u);
+        EXPECT_EQ(r.th.timeOut(42), 0) << "a time-out whose timer is gone (answered, cancelled) does nothing";
         EXPECT_EQ(r.table.sendQueued(), 0u);
     }
     {
         Rig r;
         auto sent = r.unanswered(DG2::MsgPowerReport, 0, 20);
         EXPECT_EQ(sent.size(), 1u) << "limit 0: never repeated";
-        EXPECT_TRUE(r.th.resent.empty());
         EXPECT_EQ(r.th.gaveUp, std::vector<int>{DG2::MsgPowerReport});
     }
     {
@@ -129,52 +114,19 @@ TEST(IpcCTrlThRepeat, UnansweredRequestIsQueuedUpToItsLimitThenGivenUp)
         EXPECT_TRUE(r.th.gaveUp.empty());
         EXPECT_EQ(r.table.timersPending(), 1u);
     }
-    {
-        // A time-out whose timer is gone (answered, cancelled) does nothing;
-        // the counter wraps to 0 above 100000.
-        Rig r;
-        EXPECT_EQ(r.th.timeOut(42), 0);
-        EXPECT_EQ(r.table.sendQueued(), 0u);
-        r.th.SendData(DG2::MsgSettings, 10, 10, -1, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        r.table.getSdData(&rec);
-        rec.ret.attempts = IpcCTrlTh::kAttemptWrap - 1;
-        r.table.SetTimerInfo(r.table.GetTimerID(), &rec.ret);
-        r.th.timeOut(rec.ret.timerId); // + 1 in the time-out, + 1 on queuing
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        EXPECT_EQ(rec.ret.attempts, 0);
-    }
 }
 
 TEST(IpcCTrlThHeader, RequestsOnTheWire)
 {
-    {
-        Rig r;
-        std::memset(r.th.OutBody(), 'B', 100);
-        r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        DG2MessageType expect = DG2Builder(DG2::MsgAccessCode)
-                                    .from("ctrl-host", DG2::KindController)
-                                    .to("10.0.0.5", DG2::KindMember)
-                                    .bodyBytes(0, std::string(100, 'B'))
-                                    .msg();
-        EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
-        EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
-        EXPECT_EQ(rec.ret.awaited, DG2::MsgAccessCode);
-    }
-    {
-        // A member addresses its configured controller; an own name of 40
-        // characters is cut to the 32-byte field.
-        const std::string longName(40, 'm');
-        Rig r(IpcCTrlTh::Role::Member, longName.c_str());
-        r.th.SetControllerAddress("10.0.0.1");
-        r.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
-        IPC_DATA_REC rec;
-        ASSERT_EQ(r.table.getSdData(&rec), 1);
-        EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
-                                            std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
-    }
+    Rig r;
+    std::memset(r.th.OutBody(), 'B', 100);
+    r.th.SendData(DG2::MsgAccessCode, DG2::kBodyAccessCode, 10, 3, IPC_DST_ONE, 0);
+    IPC_DATA_REC rec;
+    ASSERT_EQ(r.table.getSdData(&rec), 1);
+    std::string expect = DG2Builder(DG2::MsgAccessCode).from("ctrl-host", DG2::KindController)
+                             .to("10.0.0.5", DG2::KindMember).bodyBytes(0, std::string(100, 'B')).wire();
+    EXPECT_EQ(DG2Builder(rec.msg).wire(), expect) << DG2Describe(rec.msg);
+    EXPECT_EQ(DG2FieldText(rec.ret.peerName, 32), "memb-a");
 }
 
 TEST(IpcCTrlThHeader, RepliesOnTheWire)
@@ -191,8 +143,8 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
     // Registration addressed with receiver kind 81: the reply echoes 81,
     // goes to the request's source name and comes from the name the request used.
     IPC_DATA_REC rec = reply(DG2Builder(35).from("memb-a", 17).to("ctrl-alias", 81).msg(), 35, 70);
-    DG2MessageType expect = DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).msg();
-    EXPECT_EQ(wire(rec.msg), wire(expect)) << DG2Describe(rec.msg) << "\nwanted " << DG2Describe(expect);
+    EXPECT_EQ(DG2Builder(rec.msg).wire(), DG2Builder(35).result(0).from("ctrl-alias", 81).to("memb-a", 17).wire())
+        << DG2Describe(rec.msg);
 
     rec = reply(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg(), 141, 1328);
     EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(141).result(0).from("ctrl-host", 19).to("10.0.0.5", 17).msg()))
@@ -204,20 +156,24 @@ TEST(IpcCTrlThHeader, RepliesOnTheWire)
 
     // A reply with awaited -1 arms no wait; one with an awaited message does,
     // and never repeats the reply when it runs out.
-    EXPECT_EQ(rec.ret.awaited, -1);
     EXPECT_EQ(rec.ret.timeOut, 0);
     r.th.SetHandled(DG2Builder(181).from("memb-a", 17).to("ctrl-host", 19).msg());
     r.th.SendReply(181, 152, 0, 140, 30, 0);
     const int id = r.transmit(&rec);
     ASSERT_GT(id, 0);
-    EXPECT_EQ(rec.ret.awaited, 140);
-    EXPECT_EQ(rec.ret.limit, 0);
     r.th.timeOut(id);
     EXPECT_EQ(r.table.sendQueued(), 0u);
     EXPECT_EQ(r.th.gaveUp, std::vector<int>{181});
 
-    // The member side replies 17 -> 19 to its destination text.
-    Rig m(IpcCTrlTh::Role::Member, "memb-host");
+    // The member side addresses its configured controller (an own name of 40 characters is cut to the
+    // 32-byte field) and replies 17 -> 19 to its destination text.
+    const std::string longName(40, 'm');
+    Rig m(IpcCTrlTh::Role::Member, longName.c_str());
+    m.th.SetControllerAddress("10.0.0.1");
+    m.th.SendData(DG2::MsgRegister, DG2::kBodyRegister, 10, 3, IPC_DST_ONE, 0);
+    ASSERT_EQ(m.table.getSdData(&rec), 1);
+    EXPECT_EQ(DG2Describe(rec.msg), "35 " + std::string(DG2::findLayout(35)->name) + " r255 17:" +
+                                        std::string(32, 'm') + " -> 19:10.0.0.1 body 70");
     m.th.SetDestinationText("10.0.0.1");
     m.th.SetHandled(DG2Builder(0).from("10.0.0.1", 19).to("memb-alias", 17).msg());
     m.th.SendReply(0, 497, 0, 181, 30, 0);
@@ -235,15 +191,10 @@ TEST(IpcCTrlThTimers, TimeOutAndCommunicationErrorTimerNotifications)
               std::vector<std::string>{describe(eventRecord(ThTimer, EvTimerStart, {id, now + 30, 0, ThCtrlSlot0}))});
     int found = 0;
     IPC_DATA_RET block = r.table.GetTimerInfo(id, &found);
-    ASSERT_EQ(found, 1);
     EXPECT_EQ(DG2FieldText(block.peerName, 32), "memb-a");
     EXPECT_EQ(block.awaited, 181);
-    EXPECT_EQ(block.timeOut, 30);
-    EXPECT_EQ(block.limit, 0);
 
     const int commId = IpcCTrlTh::CommErrTimerId(r.slot);
-    EXPECT_GE(commId, TmNet2First);
-    EXPECT_LE(commId, TmNet2Last);
     r.th.SetCommunicationErrorTimer_First(60);
     r.th.SetCommunicationErrorTimer();
     r.th.CancelCommunicationErrorTimer();
