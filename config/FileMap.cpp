@@ -180,18 +180,7 @@ bool FileMap::readLines(std::vector<std::string>* lines, struct stat* st)
     if (fd < 0)
         return false;
     std::string text;
-    char buf[8192];
-    bool ok = mFs->fstat(fd, st) == 0;
-    while (ok) {
-        ssize_t n = mFs->read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            ok = n == 0;
-            break;
-        }
-        text.append(buf, static_cast<size_t>(n));
-    }
+    bool ok = mFs->fstat(fd, st) == 0 && mFs->readAll(fd, &text);
     mFs->close(fd);
     if (!ok)
         return false;

@@ -1,5 +1,7 @@
 #include "config/FileSystem.h"
 
+#include <cerrno>
+
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,3 +22,18 @@ int SystemFileSystem::fsync(int fd) { return ::fsync(fd); }
 int SystemFileSystem::close(int fd) { return ::close(fd); }
 int SystemFileSystem::rename(const char* from, const char* to) { return ::rename(from, to); }
 int SystemFileSystem::unlink(const char* path) { return ::unlink(path); }
+
+bool FileSystem::readAll(int fd, std::string* out)
+{
+    char buf[8192];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            return true;
+        out->append(buf, static_cast<size_t>(n));
+    }
+}

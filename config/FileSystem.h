@@ -4,6 +4,7 @@
 // fails a chosen call, to show that a failed save leaves the old file.
 #pragma once
 
+#include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -21,6 +22,10 @@ public:
     virtual int close(int fd) = 0;
     virtual int rename(const char* from, const char* to) = 0;
     virtual int unlink(const char* path) = 0;
+
+    // Reads from fd to its end into out (EINTR retried); false, with errno
+    // set, when a read fails.
+    bool readAll(int fd, std::string* out);
 
     // The file system of the running daemon.
     static FileSystem& system();

@@ -17,6 +17,7 @@
 #include "control/TimerIFTh.h"
 #include "control/TimerTh.h"
 #include "core/DaemonLock.h"
+#include "core/ErrorLog.h"
 #include "core/FatalStop.h"
 #include "daemon/Globals.h"
 #include "daemon/Signals.h"
@@ -47,8 +48,7 @@ std::string gDeviceLock;
 // far, exit 1.
 [[noreturn]] void failStartUp(const std::string& why)
 {
-    fprintf(stderr, "kestrava: %s\n", why.c_str());
-    syslog(LOG_DAEMON | LOG_ERR, "%s", why.c_str());
+    ErrorLog::report(why);
     delete gpMapConfig;
     gpMapConfig = nullptr;
     delete gpMapMessage;

@@ -96,18 +96,7 @@ bool MemberFiles::readMembers(std::vector<Entry>* out, size_t max)
         return false;
     }
     std::string text;
-    char buf[8192];
-    bool ok = true;
-    for (;;) {
-        ssize_t n = mFs->read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            ok = n == 0;
-            break;
-        }
-        text.append(buf, static_cast<size_t>(n));
-    }
+    bool ok = mFs->readAll(fd, &text);
     int err = errno;
     mFs->close(fd);
     if (!ok) {
