@@ -140,6 +140,36 @@ bool UsefulDataCheck(const DG2MessageType* msg, DG2Role role)
            (msg->dstKind == DG2::KindMember || msg->dstKind == DG2::KindMemberAlt);
 }
 
+DG2Drop DG2CheckReceived(DG2MessageType* msg, size_t size, DG2Role role)
+{
+    if (!ByteOrderChg(msg))
+        return DG2Drop::DG2UnknownNumber;
+    if (size != size_t(msg->bodyLen) + DG2::kHeaderSize)
+        return DG2Drop::DG2SizeMismatch;
+    if (size < size_t(DG2::kHeaderSize))
+        return DG2Drop::DG2Short;
+    if (!UsefulDataCheck(msg, role))
+        return DG2Drop::DG2NotForUs;
+    return DG2Drop::DG2Accepted;
+}
+
+const char* DG2DropText(DG2Drop why)
+{
+    switch (why) {
+    case DG2Drop::DG2Accepted:
+        return "accepted";
+    case DG2Drop::DG2Short:
+        return "shorter than its header";
+    case DG2Drop::DG2UnknownNumber:
+        return "unknown message number";
+    case DG2Drop::DG2SizeMismatch:
+        return "size differs from its body length";
+    case DG2Drop::DG2NotForUs:
+        return "not addressed to this role";
+    }
+    return "dropped";
+}
+
 void DG2SetField(char* field, size_t size, const char* text)
 {
     size_t n = text ? strnlen(text, size) : 0;

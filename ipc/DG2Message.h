@@ -83,6 +83,24 @@ void SetHedVer(DG2MessageType* msg);
 // member sender kind 19 and receiver kind 17 or 113.
 bool UsefulDataCheck(const DG2MessageType* msg, DG2Role role);
 
+// Why a received datagram is dropped (DG2Accepted: it is not).
+enum class DG2Drop {
+    DG2Accepted,
+    DG2Short,         // fewer than the 84 header bytes
+    DG2UnknownNumber, // a message number this system does not know
+    DG2SizeMismatch,  // size is not the header's body length + 84
+    DG2NotForUs,      // wrong magic, or kinds that are not for this role
+};
+
+// The whole check of a received datagram of `size` bytes, in the order the
+// transport applies it: conversion to host order (unknown number), size
+// against the header's body length, the 84-byte minimum, the acceptance
+// test of the role. The image must be zero beyond `size` (the transport
+// clears its buffer), so a short datagram is never read past its end.
+DG2Drop DG2CheckReceived(DG2MessageType* msg, size_t size, DG2Role role);
+// A short text for a log line ("unknown message number", ...).
+const char* DG2DropText(DG2Drop why);
+
 // Bounded copy of a text into a fixed name or text field: NUL-padded, cut
 // at the field size (then not NUL-terminated).
 void DG2SetField(char* field, size_t size, const char* text);

@@ -141,4 +141,31 @@ TEST(DG2MessageTest, UsefulDataCheckAcceptsOnlyThePeerRoleKinds)
     }
 }
 
+// The transport's whole receive check, on the bytes a peer would send.
+TEST(DG2MessageTest, CheckReceivedDropsShortMisSizedUnknownAndForeignDatagrams)
+{
+    auto check = [](const std::string& wire, DG2Role role) {
+        DG2MessageType m;
+        memset(&m, 0, sizeof m);
+        memcpy(&m, wire.data(), std::min(wire.size(), sizeof m));
+        return DG2CheckReceived(&m, wire.size(), role);
+    };
+    const std::string report = DG2Builder(DG2::MsgPowerReport).from("ctrl", 19).to("memb", 17).wire();
+    ASSERT_EQ(1412u, report.size());
+    EXPECT_EQ(DG2Drop::DG2Accepted, check(report, DG2Role::Member));
+    EXPECT_EQ(DG2Drop::DG2NotForUs, check(report, DG2Role::Controller));
+    EXPECT_EQ(DG2Drop::DG2SizeMismatch, check(report.substr(0, 1411), DG2Role::Member));
+    EXPECT_EQ(DG2Drop::DG2SizeMismatch, check(report + '\0', DG2Role::Member));
+
+    const std::string presence = DG2Builder(DG2::MsgPresence).from("m", 17).to("c", 19).wire();
+    ASSERT_EQ(84u, presence.size());
+    EXPECT_EQ(DG2Drop::DG2Accepted, check(presence, DG2Role::Controller));
+    // 83 bytes: the body-length word is cut, so the size cannot match either.
+    EXPECT_NE(DG2Drop::DG2Accepted, check(presence.substr(0, 83), DG2Role::Controller));
+    std::string unknown = presence;
+    unknown[2] = char(200);
+    EXPECT_EQ(DG2Drop::DG2UnknownNumber, check(unknown, DG2Role::Controller));
+    EXPECT_STREQ("unknown message number", DG2DropText(DG2Drop::DG2UnknownNumber));
+}
+
 } // namespace
