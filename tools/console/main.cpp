@@ -1,6 +1,6 @@
 // kestrava-console: the operator's command-line client of the daemon's
-// console port. Checks that the daemon answers and changes configuration
-// keys of the running daemon.
+// console port. Checks that the daemon answers, changes configuration keys
+// of the running daemon and lists the shutdown members registered with it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +9,7 @@
 
 #include "config/FileMap.h"
 #include "tools/console/ConsoleClient.h"
+#include "tools/console/MemberList.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ void usage(FILE* out)
     fprintf(out,
             "Usage: %s [--port N] [--config FILE] [--timeout S] ping\n"
             "       %s [--port N] [--config FILE] [--timeout S] set KEY VALUE\n"
+            "       %s (--config FILE | --home DIR) members\n"
             "\n"
             "Talks to the running Kestrava daemon on this machine (127.0.0.1) through\n"
             "its console port.\n"
@@ -34,11 +36,16 @@ void usage(FILE* out)
             "                 (AppTermCommand1, Path, DeviceName, CuiAddress, ...) are\n"
             "                 refused unless the daemon's Kestrava.ini holds\n"
             "                 CuiAllowCommandKeys=1.\n"
+            "  members        list the shutdown members registered with the controller\n"
+            "                 daemon and their state (\"Active\" members are told of a\n"
+            "                 power failure), from membCommInfo.tmp in the daemon's home\n"
+            "                 directory (that of --config FILE, or --home DIR)\n"
             "\n"
             "Options:\n"
             "  --port N       the daemon's console port\n"
             "  --config FILE  the daemon's Kestrava.ini; the port is its \"CuiPort\"\n"
             "                 value (used when --port is not given)\n"
+            "  --home DIR     the daemon's home directory (members only)\n"
             "  --timeout S    seconds to wait for the connection and the answer\n"
             "                 (default 5)\n"
             "  --help         show this text\n"
@@ -46,7 +53,7 @@ void usage(FILE* out)
             "Exit status: 0 done, 1 the daemon could not be reached or did not\n"
             "answer, 2 wrong usage or unreadable configuration, 3 the daemon refused\n"
             "the key.\n",
-            kProgram, kProgram);
+            kProgram, kProgram, kProgram);
 }
 
 int usageError(const std::string& message)
@@ -75,6 +82,7 @@ int main(int argc, char** argv)
     long port = -1;
     long timeout = 5;
     std::string config;
+    std::string home;
     std::vector<std::string> words;
 
     for (int i = 1; i < argc; ++i) {
@@ -83,7 +91,7 @@ int main(int argc, char** argv)
             usage(stdout);
             return 0;
         }
-        if (arg == "--port" || arg == "--config" || arg == "--timeout") {
+        if (arg == "--port" || arg == "--config" || arg == "--timeout" || arg == "--home") {
             if (i + 1 >= argc)
                 return usageError("option " + arg + " needs a value");
             const char* value = argv[++i];
@@ -95,6 +103,8 @@ int main(int argc, char** argv)
                 timeout = number(value, 1, 3600);
                 if (timeout < 0)
                     return usageError(std::string("invalid timeout \"") + value + "\" (1 to 3600 seconds)");
+            } else if (arg == "--home") {
+                home = value;
             } else {
                 config = value;
             }
@@ -106,7 +116,7 @@ int main(int argc, char** argv)
     }
 
     if (words.empty())
-        return usageError("no command given (ping or set)");
+        return usageError("no command given (ping, set or members)");
     const std::string command = words[0];
     if (command == "ping") {
         if (words.size() != 1)
@@ -117,8 +127,23 @@ int main(int argc, char** argv)
         std::string error;
         if (ConsoleClient::checkSetArguments(words[1], words[2], &error) != 0)
             return usageError(error);
+    } else if (command == "members") {
+        if (words.size() != 1)
+            return usageError("members takes no arguments");
+        if (home.empty() && config.empty())
+            return usageError("give the daemon's home directory with --home DIR or its Kestrava.ini with --config FILE");
+        if (home.empty()) {
+            const std::string::size_type slash = config.rfind('/');
+            home = slash == std::string::npos ? std::string() : config.substr(0, slash + 1);
+        }
+        std::string error;
+        if (MemberList::print(home, stdout, &error) != 0) {
+            fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+            return 1;
+        }
+        return 0;
     } else {
-        return usageError("unknown command \"" + command + "\" (ping or set)");
+        return usageError("unknown command \"" + command + "\" (ping, set or members)");
     }
 
     if (port < 0) {
