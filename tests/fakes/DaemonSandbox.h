@@ -80,6 +80,7 @@ public:
 
         // This home as the path, no meter log, the ports on the loopback.
         const int port = 20000 + (getpid() % 10000) * 3;
+        ctrlPort = port + 1;
         writeFile(home + "Kestrava.ini",
                   "UPSController=1\nDeviceName=" + home + "ups\n" + ini + "Path=" + mDir.path() +
                       "\nDumpLogRate=0\nDumpLogDays=30\nCuiPort=" + std::to_string(port) +
@@ -180,6 +181,7 @@ public:
     std::string home;   // with a trailing slash
     std::string frames; // the simulator's frame log
     pid_t daemonPid = -1;
+    int ctrlPort = 0;   // the daemon's coordination port ("CtrlPort1", on 127.0.0.1)
 
 private:
     // Runs args[0] with stdin/stdout on `in`/`out` (or /dev/null) and `env` added.

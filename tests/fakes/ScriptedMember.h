@@ -1,0 +1,160 @@
+// ScriptedMember: a shutdown member played by a test over real UDP on the
+// loopback. It speaks the coordination datagrams from the daemon's own
+// definitions (DG2Builder, the body pack helpers): it sends registrations
+// and raw bytes to a controller, receives what the controller sends (checked
+// as a member checks it), and answers requests the way a member does (same
+// number, result 0, the body echoed; its own host name in the settings).
+// Every receive is bounded by a deadline.
+#pragma once
+
+#include <chrono>
+#include <cstring>
+#include <poll.h>
+#include <string>
+#include <vector>
+
+#include "ipc/DG2Bodies.h"
+#include "ipc/DG2Message.h"
+#include "ipc/SystemUdpSocket.h"
+#include "tests/fakes/DG2Builder.h"
+
+class ScriptedMember {
+public:
+    // address: the loopback address to send from (127.0.0.x); name: the
+    // source name of its datagrams (its member ID when it registers by host
+    // name); the controller's address and port.
+    ScriptedMember(const std::string& address, const std::string& name, const std::string& ctrlAddress,
+                   uint16_t ctrlPort)
+        : mAddress(address), mName(name), mCtrlAddress(ctrlAddress), mCtrlPort(ctrlPort)
+    {
+        mOk = mSocket.open() == UdpStatus::Ok && mSocket.bind(address, 0) == UdpStatus::Ok;
+    }
+
+    bool ok() const { return mOk; }
+    uint16_t port() const { return mSocket.localPort(); }
+    const std::string& address() const { return mAddress; }
+    void setName(const std::string& name) { mName = name; }
+    // Destination name of its datagrams (default: the controller's address).
+    void setControllerName(const std::string& name) { mCtrlName = name; }
+
+    // A registration request: member ID in the body (empty on a first one).
+    DG2MessageType registration(const std::string& memberId = "") const
+    {
+        DG2Address a;
+        a.memberId = memberId;
+        a.address = mAddress;
+        a.port = port();
+        return DG2Builder(DG2::MsgRegister)
+            .from(mName.c_str(), DG2::KindMember)
+            .to(controllerName().c_str(), DG2::KindController)
+            .pack([&](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, a); })
+            .msg();
+    }
+
+    // A request of this member with an empty body of the message's size.
+    DG2MessageType request(uint8_t msgNo) const
+    {
+        return DG2Builder(msgNo).from(mName.c_str(), DG2::KindMember).to(controllerName().c_str(),
+                                                                           DG2::KindController).msg();
+    }
+
+    // The member's answer to a controller's request.
+    DG2MessageType replyTo(const DG2MessageType& req) const
+    {
+        DG2Builder b(req);
+        b.result(DG2::kResultOk).from(mName.c_str(), DG2::KindMember).to(controllerName().c_str(),
+                                                                          DG2::KindController);
+        if (req.msgNo == DG2::MsgSettings) {
+            DG2Settings s;
+            if (DG2UnpackSettings(req, &s)) {
+                s.hostName = mName + "-host";
+                b.pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); });
+            }
+        }
+        return b.msg();
+    }
+
+    bool send(const DG2MessageType& m) { return sendRaw(DG2Builder(m).wire()); }
+    bool sendRaw(const std::string& bytes)
+    {
+        return mSocket.send(bytes.data(), bytes.size(), mCtrlAddress, mCtrlPort) == UdpStatus::Ok;
+    }
+
+    // The next datagram a member would accept, within `seconds`; false when
+    // none came. Datagrams a member drops are counted in dropped().
+    bool receive(DG2MessageType* out, double seconds)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now()).count();
+            if (left <= 0)
+                return false;
+            pollfd p = {mSocket.descriptor(), POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(left)) <= 0)
+                continue;
+            DG2MessageType m;
+            memset(&m, 0, sizeof m);
+            UdpDatagramInfo info;
+            if (mSocket.receive(&m, sizeof m, info) != UdpStatus::Ok)
+                continue;
+            if (DG2CheckReceived(&m, info.size, DG2Role::Member) != DG2Drop::DG2Accepted) {
+                ++mDropped;
+                continue;
+            }
+            *out = m;
+            return true;
+        }
+    }
+
+    // Answers every request of the controller (replies it sends are only
+    // recorded) until message `last` was received and answered, or for
+    // `seconds`. The numbers received, in order.
+    std::vector<int> answerUntil(int last, double seconds, DG2MessageType* lastMsg = nullptr)
+    {
+        std::vector<int> seen;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        DG2MessageType m;
+        for (;;) {
+            const double left = std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
+            if (left <= 0 || !receive(&m, left))
+                return seen;
+            seen.push_back(m.msgNo);
+            if (m.result == DG2::kResultRequest)
+                send(replyTo(m));
+            if (m.msgNo == last) {
+                if (lastMsg)
+                    *lastMsg = m;
+                return seen;
+            }
+        }
+    }
+
+    // Everything received within `seconds`, unanswered.
+    std::vector<DG2MessageType> collect(double seconds)
+    {
+        std::vector<DG2MessageType> all;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        DG2MessageType m;
+        for (;;) {
+            const double left = std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
+            if (left <= 0 || !receive(&m, left))
+                return all;
+            all.push_back(m);
+        }
+    }
+
+    int dropped() const { return mDropped; }
+
+private:
+    std::string controllerName() const { return mCtrlName.empty() ? mCtrlAddress : mCtrlName; }
+
+    SystemUdpSocket mSocket;
+    bool mOk = false;
+    std::string mAddress;
+    std::string mName;
+    std::string mCtrlAddress;
+    std::string mCtrlName;
+    uint16_t mCtrlPort;
+    int mDropped = 0;
+};
