@@ -1,5 +1,6 @@
 #include "core/tthread.h"
 
+#include <cstdio>
 #include <unistd.h>
 
 tthread::tthread() : mNumber(0), mThread(), mStarted(false) {}
@@ -13,6 +14,11 @@ bool tthread::st()
     if (pthread_create(&mThread, nullptr, &tthread::threadmethod, this) != 0)
         return false;
     mStarted = true;
+    // "ks-th13": the thread number shows in top -H, ps -L and
+    // /proc/<pid>/task/*/comm, so a thread's cost can be told apart.
+    char name[16];
+    snprintf(name, sizeof name, "ks-th%d", mNumber);
+    pthread_setname_np(mThread, name);
     return true;
 }
 

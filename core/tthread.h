@@ -11,7 +11,8 @@ public:
     explicit tthread(int number);
     virtual ~tthread();
 
-    // Starts the thread; true when it was created.
+    // Starts the thread, named "ks-th<number>" for the system's tools;
+    // true when it was created.
     bool st();
     // Joins the thread; true when the join FAILED (the opposite sense of st()).
     bool sp();
