@@ -45,13 +45,13 @@ void drainEventFd(int fd)
 
 } // namespace
 
-void IpcIFTh::RateLog::note(time_t now, const std::string& what, const char* noun)
+void IpcIFTh::RateLog::note(time_t now, const std::string& what, const char* verb)
 {
     ++count;
     // A clock that went backwards ends the quiet minute too.
     if (logged && now >= last && now - last < kLogInterval)
         return;
-    ErrorLog::report(std::to_string(count) + " " + noun + (count == 1 ? "" : "s") +
+    ErrorLog::report(std::to_string(count) + (count == 1 ? " datagram " : " datagrams ") + verb +
                      (logged ? " since the last report" : "") + "; the last: " + what);
     count = 0;
     logged = true;
@@ -316,10 +316,10 @@ bool IpcIFTh::receiveOne()
             continue;
         case UdpStatus::Truncated:
             mDropLog.note(now(), "larger than " + std::to_string(sizeof mRx) + " bytes from " + sender(info),
-                          "datagram dropped");
+                          "dropped");
             return true;
         case UdpStatus::Error:
-            mDropLog.note(now(), std::string("receive failed: ") + std::strerror(s->error()), "datagram dropped");
+            mDropLog.note(now(), std::string("receive failed: ") + std::strerror(s->error()), "dropped");
             return true;
         case UdpStatus::Ok:
             deliver(info);
@@ -335,14 +335,14 @@ void IpcIFTh::deliver(const UdpDatagramInfo& info)
     if (why != DG2Drop::DG2Accepted) {
         mDropLog.note(now(), std::string(DG2DropText(why)) + " (" + std::to_string(info.size) + " bytes) from " +
                                  sender(info),
-                      "datagram dropped");
+                      "dropped");
         return;
     }
     const int owner = mMember ? GetCtrlNo(info.address.c_str(), mRx.dstName) : int(ThCtrlSlot0);
     if (owner == 0) {
         mDropLog.note(now(), "addressed to \"" + ErrorLog::printable(fieldText(mRx.dstName, DG2::kNameSize)) +
                                  "\", which no controller entry claims, from " + sender(info),
-                      "datagram dropped");
+                      "dropped");
         return;
     }
     remember(fieldText(mRx.srcName, DG2::kNameSize), info);
@@ -397,7 +397,7 @@ void IpcIFTh::drainSendQueue()
             mSendLog.note(now(),
                           "message " + std::to_string(mRec.msg.msgNo) + " for \"" + ErrorLog::printable(name) +
                               "\", neither a member nor a recent sender",
-                          "datagram not sent");
+                          "not sent");
             continue;
         }
         mTargetAddress = peer->address;
@@ -487,12 +487,12 @@ int IpcIFTh::transmit(const std::string& target, int port, bool replaceAt)
                              "\" port " + std::to_string(port);
     if (out.bodyLen > DG2::kMaxBody || port <= 0 || port > 65535) {
         mSendLog.note(now(), what + ": body length " + std::to_string(out.bodyLen) + " or port out of range",
-                      "datagram not sent");
+                      "not sent");
         return 0;
     }
     const size_t size = DG2::kHeaderSize + size_t(out.bodyLen);
     if (!ByteOrderChg(&out)) {
-        mSendLog.note(now(), what + ": unknown message number", "datagram not sent");
+        mSendLog.note(now(), what + ": unknown message number", "not sent");
         return 0;
     }
     if (replaceAt && out.srcName[0] == '@')
@@ -519,7 +519,7 @@ int IpcIFTh::transmit(const std::string& target, int port, bool replaceAt)
             mSendLog.note(now(),
                           "message " + std::to_string(mRec.msg.msgNo) + " to " + ErrorLog::printable(to) + ":" +
                               std::to_string(port) + ": " + std::strerror(mMain->error()),
-                          "datagram not sent");
+                          "not sent");
     }
     return sent;
 }

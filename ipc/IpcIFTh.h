@@ -112,7 +112,7 @@ private:
         long count = 0;
         bool logged = false;
         time_t last = 0;
-        void note(time_t now, const std::string& what, const char* noun);
+        void note(time_t now, const std::string& what, const char* verb);
     };
     struct Peer {
         std::string name;
