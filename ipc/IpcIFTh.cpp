@@ -333,6 +333,12 @@ void IpcIFTh::deliver(const UdpDatagramInfo& info)
 {
     DG2Drop why = DG2CheckReceived(&mRx, info.size, mMember ? DG2Role::Member : DG2Role::Controller);
     if (why != DG2Drop::DG2Accepted) {
+        // Peers of this host's own role share its broadcasts (and a socket
+        // bound to any address hears this host's own): normal traffic, not
+        // bad input, so dropped without a log line.
+        const uint16_t ownKind = mMember ? DG2::KindMember : DG2::KindController;
+        if (why == DG2Drop::DG2NotForUs && mRx.magic == DG2::kMagic && mRx.srcKind == ownKind)
+            return;
         mDropLog.note(now(), std::string(DG2DropText(why)) + " (" + std::to_string(info.size) + " bytes) from " +
                                  sender(info),
                       "dropped");
