@@ -267,8 +267,9 @@ void IpcIFTh::thread_main()
             for (int fd : {mMain->descriptor(), mBroadcast ? mBroadcast->descriptor() : -1, wake, mStopFd})
                 if (fd >= 0)
                     fds[n++] = pollfd{fd, POLLIN, 0};
-            // A controller has nothing to do until a descriptor is ready.
-            int r = ::poll(fds, n, mMember ? kMemberWaitMs : -1);
+            // A controller has nothing to do until a descriptor is ready
+            // (without the send queue's descriptor it looks once a second).
+            int r = ::poll(fds, n, mMember || wake < 0 ? kMemberWaitMs : -1);
             if (r < 0 && errno != EINTR) {
                 if (!pollFailed)
                     ErrorLog::report(std::string("coordination transport: poll failed: ") + std::strerror(errno));
