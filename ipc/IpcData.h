@@ -101,8 +101,8 @@ public:
     // An eventfd (close-on-exec, non-blocking) that setSdData makes
     // readable. The transport waits on it in poll() and reads it empty
     // before it drains the send queue, so no queued record is missed.
-    // -1 when it could not be made (logged; the transport then finds
-    // records only when something else wakes it).
+    // -1 when it could not be made (logged; the transport then looks at
+    // the queue once a second).
     int sendWakeDescriptor() const { return mSendWake; }
 
     // ---- reply timers ----
