@@ -1,11 +1,15 @@
 // IpcData: member table, datagram queues and reply-timer table.
 #include "ipc/IpcData.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "control/Codes.h"
 #include "control/StCTrl.h"
@@ -44,9 +48,16 @@ IpcData::IpcData(StCTrl& core, const std::string& dataDir, const std::string& ho
     // Reply time-outs run in the timer service under the network time-out ids.
     for (int32_t id = TmNetFirst; id <= TmNetLast; ++id)
         mFreeTimerIds.push_back(id);
+    mSendWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (mSendWake < 0)
+        ErrorLog::report(std::string("send queue wake-up descriptor not made: ") + std::strerror(errno));
 }
 
-IpcData::~IpcData() {}
+IpcData::~IpcData()
+{
+    if (mSendWake >= 0)
+        ::close(mSendWake);
+}
 
 void IpcData::clearTable()
 {
@@ -323,8 +334,16 @@ int IpcData::setSdData(IPC_DATA_REC* rec)
 {
     if (!rec)
         return 0;
-    Locked l(mMutex);
-    mSendQueue.push_back(*rec);
+    {
+        Locked l(mMutex);
+        mSendQueue.push_back(*rec);
+    }
+    if (mSendWake >= 0) {
+        // Only a full counter (2^64 - 2 unread wake-ups) can refuse this;
+        // the descriptor is readable then anyway.
+        const uint64_t one = 1;
+        (void)!::write(mSendWake, &one, sizeof one);
+    }
     return 1;
 }
 

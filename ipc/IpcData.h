@@ -85,6 +85,8 @@ public:
     int GetThreadID(char* address);
 
     // ---- queues ----
+    // Appends a copy to the send queue and wakes the transport through
+    // sendWakeDescriptor(): 1.
     int setSdData(IPC_DATA_REC* rec);
     // The oldest send record: 1, or 0 when the queue is empty.
     int getSdData(IPC_DATA_REC* rec);
@@ -96,6 +98,12 @@ public:
     // oldest record is ever taken: a record for another thread holds up the
     // queue until its owner takes it.
     int getRvData(IPC_DATA_REC* rec, int threadId);
+    // An eventfd (close-on-exec, non-blocking) that setSdData makes
+    // readable. The transport waits on it in poll() and reads it empty
+    // before it drains the send queue, so no queued record is missed.
+    // -1 when it could not be made (logged; the transport then looks at
+    // the queue once a second).
+    int sendWakeDescriptor() const { return mSendWake; }
 
     // ---- reply timers ----
     // The next id of the rotating pool (network time-out ids 30..265).
@@ -134,6 +142,7 @@ private:
     std::deque<IPC_DATA_REC> mReceiveQueue;
     std::map<int32_t, IPC_DATA_RET> mTimers;
     std::deque<int32_t> mFreeTimerIds;
+    int mSendWake = -1;                    // eventfd written by setSdData
 
     class Locked;
     struct SlotLock;
