@@ -139,10 +139,11 @@ public:
     }
 
     bool commErrTimerRunning(int slot) const { return running.count(IpcCTrlTh::CommErrTimerId(slot)) != 0; }
-    int commErrTimerSeconds(int slot) const
+    // Seconds from now to the expiry of a member's communication-error timer (-1: not running).
+    int commErrTimerLeft(int slot)
     {
-        auto it = startedFor.find(IpcCTrlTh::CommErrTimerId(slot));
-        return it == startedFor.end() ? -1 : it->second;
+        auto it = expiry.find(IpcCTrlTh::CommErrTimerId(slot));
+        return it == expiry.end() || !commErrTimerRunning(slot) ? -1 : it->second - static_cast<int>(clock.now());
     }
 
     DUP_MEMB_INFO member(const std::string& id)
@@ -203,10 +204,10 @@ public:
     std::unique_ptr<UpsDataBlock> ups;
     UpsDataBlock* upsPtr = nullptr;
     std::unique_ptr<IpcCTrlCTh> th;
-    // Timers the core was asked to run (started, not stopped), and the
-    // seconds each was last started with.
+    // Timers the core was asked to run (started, not stopped) and their
+    // expiry. As in the timer service, starting a running timer changes nothing.
     std::set<int> running;
-    std::map<int, int> startedFor;
+    std::map<int, int> expiry;
     // Every event the core queued, described, oldest first.
     std::vector<std::string> log;
 
@@ -217,8 +218,8 @@ private:
         EVENTMSGINFO ev;
         while (core->popHeadForTest(&ev)) {
             if (ev.to == ThTimer && ev.code == EvTimerStart) {
-                running.insert(ev.params[0]);
-                startedFor[ev.params[0]] = ev.params[1] - static_cast<int>(clock.now());
+                if (running.insert(ev.params[0]).second)
+                    expiry[ev.params[0]] = ev.params[1];
             } else if (ev.to == ThTimer && ev.code == EvTimerStop) {
                 running.erase(ev.params[0]);
             }

@@ -104,18 +104,20 @@ TEST(IpcCTrlCThExchange, NewMemberWalksTheFullExchangeAndBecomesActive)
     const int slot = r.slotOf("127.0.0.5");
     EXPECT_EQ(r.member("127.0.0.5").status, MembActive);
     EXPECT_EQ(r.member("127.0.0.5").sq, SqIdle);
-    EXPECT_TRUE(r.commErrTimerRunning(slot));
-    EXPECT_EQ(r.commErrTimerSeconds(slot), 90);
+    EXPECT_EQ(r.commErrTimerLeft(slot), 90);
     EXPECT_TRUE(r.replyTimers().empty()) << "every answer ended the time-out that waited for it";
     EXPECT_EQ(readLines(r.dir.file("MembInfo.dat")),
               (std::vector<std::string>{"127.0.0.5", "memb-host", "127.0.0.5", "3069"}));
     EXPECT_NE(r.dir.read("membCommInfo.tmp").find("Status = Active"), std::string::npos);
 
-    // Registering again from the same address: the full exchange again.
+    // Registering again from the same address: the full exchange again, and
+    // the timer runs its 90 seconds from its end.
+    r.clock.advance(40);
     EXPECT_EQ(runExchange(r, Rig::registration("127.0.0.5", 3069), "127.0.0.5", 3069, "127.0.0.5"),
               (std::vector<int>{0, 181, 140, 141}));
+    EXPECT_EQ(r.commErrTimerLeft(slot), 90);
     // From another address: 141 then 181, the new address stored, still active.
-    r.running.clear();
+    r.clock.advance(40);
     r.receive(Rig::registration("127.0.0.5", 3069), "127.0.0.6", 3069);
     out = r.transmit();
     ASSERT_EQ(out.size(), 2u);
@@ -127,7 +129,7 @@ TEST(IpcCTrlCThExchange, NewMemberWalksTheFullExchangeAndBecomesActive)
     r.receive(Rig::answer(181, "127.0.0.6"), "127.0.0.6", 3069);
     EXPECT_TRUE(r.sent().empty());
     EXPECT_EQ(r.member("127.0.0.5").status, MembActive);
-    EXPECT_TRUE(r.commErrTimerRunning(slot)) << "re-armed at the end of the short exchange";
+    EXPECT_EQ(r.commErrTimerLeft(slot), 90) << "re-armed at the end of the short exchange";
     EXPECT_EQ(readLines(r.dir.file("MembInfo.dat"))[2], "127.0.0.6");
 }
 
