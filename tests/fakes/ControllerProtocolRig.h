@@ -208,8 +208,6 @@ public:
     // expiry. As in the timer service, starting a running timer changes nothing.
     std::set<int> running;
     std::map<int, int> expiry;
-    // Every event the core queued, described, oldest first.
-    std::vector<std::string> log;
 
 private:
     // Takes the core's queued events: timer starts and stops update `running`.
@@ -223,10 +221,6 @@ private:
             } else if (ev.to == ThTimer && ev.code == EvTimerStop) {
                 running.erase(ev.params[0]);
             }
-            std::string s = std::to_string(ev.to) + ":" + eventName(ev.code);
-            for (int i = 0; i < ev.count; ++i)
-                s += (i ? "," : ":") + std::to_string(ev.params[i]);
-            log.push_back(s);
         }
     }
 };
