@@ -95,11 +95,15 @@ void IpcCTrlCTh::HandleEvent(const EVENTMSGINFO& ev)
         mSender[DG2::kNameSize] = '\0';
         mSenderPort = rec.value;
         findSender();
-        // Time-outs wait under the member ID; one that waited for this
-        // datagram ends now.
+        // Time-outs wait under the member ID, those of a request to all
+        // members under no name; one that waited for this datagram ends now.
         if (mSlot != 0)
             std::memcpy(rec.name, Member().memberId, sizeof rec.name);
-        const bool awaited = table().CancelTM(&rec, 0) != 0;
+        bool awaited = table().CancelTM(&rec, 0) != 0;
+        if (!awaited && mSlot != 0) {
+            std::memset(rec.name, 0, sizeof rec.name);
+            awaited = table().CancelTM(&rec, 0) != 0;
+        }
         MsgReply(awaited);
         break;
     }

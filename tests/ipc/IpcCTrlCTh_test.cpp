@@ -109,6 +109,11 @@ TEST(IpcCTrlCThExchange, NewMemberWalksTheFullExchangeAndBecomesActive)
     EXPECT_EQ(readLines(r.dir.file("MembInfo.dat")),
               (std::vector<std::string>{"127.0.0.5", "memb-host", "127.0.0.5", "3069"}));
     EXPECT_NE(r.dir.read("membCommInfo.tmp").find("Status = Active"), std::string::npos);
+    // Its answer to a power report sent to all members ends that report's time-out.
+    r.event(EvSendUpsStatus);
+    r.transmit();
+    r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
+    EXPECT_TRUE(r.replyTimers().empty());
 
     // Registering again from the same address: the full exchange again, and
     // the timer runs its 90 seconds from its end.
