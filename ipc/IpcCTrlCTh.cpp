@@ -142,11 +142,16 @@ void IpcCTrlCTh::HandleEvent(const EVENTMSGINFO& ev)
 
 // ---------------------------------------------------------------- members
 
+// The member IDs of members by identity: the identity text, cut so that the
+// digits fit the ID field, then kIdDigits lower-case hex digits.
+std::string IpcCTrlCTh::idStem() const { return mIdentity.substr(0, kMembIdSize - kIdDigits); }
+
 bool IpcCTrlCTh::isIdentityId(const std::string& id) const
 {
-    if (mIdentity.empty() || id.size() != mIdentity.size() + kIdDigits || id.compare(0, mIdentity.size(), mIdentity) != 0)
+    const std::string stem = idStem();
+    if (stem.empty() || id.size() != stem.size() + kIdDigits || id.compare(0, stem.size(), stem) != 0)
         return false;
-    for (size_t i = mIdentity.size(); i < id.size(); ++i)
+    for (size_t i = stem.size(); i < id.size(); ++i)
         if (!((id[i] >= '0' && id[i] <= '9') || (id[i] >= 'a' && id[i] <= 'f')))
             return false;
     return true;
@@ -348,7 +353,7 @@ std::string IpcCTrlCTh::GetMember_ID()
     const std::string last = conf("MemberIDData");
     if (!DG2FieldNumber(last.c_str(), last.size(), &n))
         n = 0;
-    const std::string stem = mIdentity.substr(0, kMembIdSize - kIdDigits);
+    const std::string stem = idStem();
     auto next = [](int c) { return (c + 1) % 65536 == 0 ? 1 : (c + 1) % 65536; };
     int candidate = next(n);
     std::string name;

@@ -127,6 +127,7 @@ private:
     // the source name of a member by address, the body's ID of one by
     // identity; empty when none.
     std::string registrationId();
+    std::string idStem() const;
     bool isIdentityId(const std::string& id) const;
     void setCurrent(const DUP_MEMB_INFO& rec);
     void clearCurrent();
