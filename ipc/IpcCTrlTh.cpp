@@ -8,7 +8,7 @@
 #include "control/StCTrl.h"
 #include "ipc/IpcData.h"
 
-IpcCTrlTh::IpcCTrlTh(int number, IpcData& table, StCTrl& core, std::string ownName, Role role)
+IpcCTrlTh::IpcCTrlTh(int number, IpcData** table, StCTrl& core, std::string ownName, Role role)
     : tthread(number), mTable(table), mCore(core), mOwnName(std::move(ownName)), mRole(role),
       mMembByIdentity(false)
 {
@@ -85,7 +85,7 @@ int IpcCTrlTh::queue(IPC_DST_MODE mode, int extra)
     mOut.value = extra;
     std::memcpy(mOut.name, mPeerName, sizeof mOut.name);
     mOut.threadId = GetMyThrad();
-    return mTable.setSdData(&mOut);
+    return table().setSdData(&mOut);
 }
 
 int IpcCTrlTh::SendData(unsigned char msg, unsigned short bodyLength, int timeOut, int limit, IPC_DST_MODE mode,
@@ -177,7 +177,7 @@ int IpcCTrlTh::postTimer(int code, int id, int time)
 
 int IpcCTrlTh::SetTimeOut(int awaited, int timeOut)
 {
-    const int id = mTable.GetTimerID();
+    const int id = table().GetTimerID();
     postTimer(NtNetTimerStart, id, timeOut);
     IPC_DATA_RET r;
     std::memset(&r, 0, sizeof r);
@@ -185,7 +185,7 @@ int IpcCTrlTh::SetTimeOut(int awaited, int timeOut)
     r.awaited = awaited;
     r.timeOut = timeOut;
     r.threadId = GetMyThrad();
-    mTable.SetTimerInfo(id, &r);
+    table().SetTimerInfo(id, &r);
     return id;
 }
 
@@ -194,7 +194,7 @@ int IpcCTrlTh::PeerSlot()
     char name[DG2::kNameSize + 1] = {};
     std::memcpy(name, mPeerName, DG2::kNameSize);
     DUP_MEMB_INFO rec;
-    return mTable.GetMembInfo(name, &rec);
+    return table().GetMembInfo(name, &rec);
 }
 
 int IpcCTrlTh::SetCommunicationErrorTimer_First(int time)
@@ -220,7 +220,7 @@ void IpcCTrlTh::GiveUp(unsigned char) {}
 int IpcCTrlTh::HandleTimeOut(int timerId)
 {
     int found = 0;
-    IPC_DATA_RET r = mTable.GetTimerInfo(timerId, &found);
+    IPC_DATA_RET r = table().GetTimerInfo(timerId, &found);
     if (!found)
         return 0;
     mRet = r;
@@ -228,10 +228,10 @@ int IpcCTrlTh::HandleTimeOut(int timerId)
     std::memcpy(mPeerName, r.peerName, sizeof mPeerName);
     char name[DG2::kNameSize + 1] = {};
     std::memcpy(name, r.peerName, DG2::kNameSize);
-    mTable.GetMembInfo(name, &mMemb);
+    table().GetMembInfo(name, &mMemb);
     // A member ID that begins with a blank is a member known by identity.
     mMembByIdentity = mMemb.memberId[0] == ' ';
-    mTable.EraseTimerInfo(timerId);
+    table().EraseTimerInfo(timerId);
 
     if (mRet.limit != -1 && mRet.attempts >= mRet.limit) {
         GiveUp(mRet.msgNo);

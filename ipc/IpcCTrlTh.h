@@ -27,9 +27,11 @@ public:
     static constexpr int kCommErrTime = 90;
 
     // number: thread number (also the owner of the timers it arms); table:
-    // the member table; core: the controller core; ownName: this host's own
-    // name text (source name of requests); role: which side this thread is.
-    IpcCTrlTh(int number, IpcData& table, StCTrl& core, std::string ownName, Role role);
+    // where the member table's pointer lives (read at each use: the table is
+    // made only once the configuration is loaded); core: the controller
+    // core; ownName: this host's own name text (source name of requests,
+    // SetOwnName changes it); role: which side this thread is.
+    IpcCTrlTh(int number, IpcData** table, StCTrl& core, std::string ownName, Role role);
     ~IpcCTrlTh() override;
 
     IpcCTrlTh(const IpcCTrlTh&) = delete;
@@ -69,6 +71,8 @@ public:
     // to the destination text).
     void SetMember(const DUP_MEMB_INFO& rec, bool byIdentity);
     void SetDestinationText(const std::string& text) { mDstText = text; }
+    void SetOwnName(const std::string& name) { mOwnName = name; }
+    const std::string& OwnName() const { return mOwnName; }
     void SetControllerAddress(const std::string& text) { mCtrlAddr = text; }
     unsigned char* OutBody() { return mOut.msg.body; }
     const DUP_MEMB_INFO& Member() const { return mMemb; }
@@ -89,9 +93,12 @@ protected:
     // Slot of the current peer in the member table (0: not a member).
     int PeerSlot();
 
-    IpcData& mTable;
+    // The member table (the one the wiring points at now).
+    IpcData& table() const { return **mTable; }
+
+    IpcData** mTable;
     StCTrl& mCore;
-    const std::string mOwnName;
+    std::string mOwnName;
     const Role mRole;
 
     DG2MessageType mMsg;                 // datagram being handled

@@ -4,14 +4,15 @@
 #
 #   tests/fuzz/run-fuzz.sh TARGET [SECONDS] [libFuzzer options...]
 #
-# TARGET: XcpReplyFuzz, XcpIdentifyFuzz, ConfigFileFuzz or ConsoleRecordFuzz.
+# TARGET: XcpReplyFuzz, XcpIdentifyFuzz, ConfigFileFuzz, ConsoleRecordFuzz or
+# DG2ReceiveFuzz.
 # SECONDS: how long to fuzz (default 600). The build goes to build-fuzz/
 # (or $KESTRAVA_FUZZ_BUILD); new inputs go to <build>/corpus/TARGET, the
 # seed corpus tests/fuzz/corpus/TARGET is only read, and a finding is saved
 # as <build>/findings/TARGET/crash-* (add it to the seed corpus once fixed).
 set -eu
 if [ $# -lt 1 ]; then
-    sed -n '2,12s/^# \{0,1\}//p' "$0" >&2
+    sed -n '2,13s/^# \{0,1\}//p' "$0" >&2
     exit 2
 fi
 target=$1

@@ -38,12 +38,14 @@ struct Rig {
     StCTrl core{&clock};
     TempDir dir{"ctrlbase"};
     IpcData table{core, dir.path(), dir.path()};
+    IpcData* tablePtr = &table;
     ProbeTh th;
     int slot;
 
     explicit Rig(IpcCTrlTh::Role role = IpcCTrlTh::Role::Controller, const char* own = "ctrl-host")
-        : th(ThCtrlSlot0, table, core, own, role)
+        : th(ThCtrlSlot0, &tablePtr, core, "", role)
     {
+        th.SetOwnName(own);
         slot = table.InitMember("10.0.0.5", 6001, "memb-a", false, ThCtrlSlot0, SqNew, nullptr);
         DUP_MEMB_INFO m;
         table.GetMembInfo(slot, &m);

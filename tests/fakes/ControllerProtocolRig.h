@@ -1,0 +1,226 @@
+// ControllerProtocolRig: the controller-side protocol run in virtual time,
+// without its thread: a real controller core with a configuration of its
+// own, a real member table and UPS data in a temporary directory, and the
+// IpcCTrlCTh. receive() hands a datagram over as the transport does
+// (receive queue, event 600); transmit() takes what the protocol queued
+// and arms each reply time-out as the transport does (timer id, 6002);
+// expire() hands a running timer back as event 603 or 604. No socket, no
+// thread, no sleep.
+#pragma once
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "config/FileMap.h"
+#include "control/Codes.h"
+#include "control/StCTrl.h"
+#include "ipc/IpcCTrlCTh.h"
+#include "ipc/IpcData.h"
+#include "tests/fakes/DG2Builder.h"
+#include "tests/fakes/ManualClock.h"
+#include "tests/fakes/TempDir.h"
+#include "xcp/UpsDataBlock.h"
+
+class ControllerProtocolRig {
+public:
+    static std::string defaultIni()
+    {
+        return "UPSController=1\nIPAddress=127.0.0.1\nSetUpID=*ABCD\nCtrlPort1=3052\nGroupName=rack-3\n"
+               "AccessCode1=8000\nMemberIDData=0\nWinkTime1=30\nShutdownTime1=5\nAppTermTimeOut1=60\n"
+               "ShutdownDelay1=120\nAppTermCommand1=/bin/true\n";
+    }
+
+    // ini: the whole "Kestrava.ini"; membInfo: "MembInfo.dat" before start
+    // (none when empty).
+    explicit ControllerProtocolRig(const std::string& ini = defaultIni(), const std::string& membInfo = "")
+        : dir("ctrlproto")
+    {
+        dir.write("Kestrava.ini", ini);
+        if (!membInfo.empty())
+            dir.write("MembInfo.dat", membInfo);
+        config.reset(new FileMap(dir.file("Kestrava.ini")));
+        configPtr = config.get();
+        core.reset(new StCTrl(&clock, configPtr));
+        core->getShutdownTiming(0);
+        table.reset(new IpcData(*core, dir.path(), dir.path()));
+        tablePtr = table.get();
+        ups.reset(new UpsDataBlock(&clock));
+        upsPtr = ups.get();
+        IpcCTrlCTh::Wiring w;
+        w.table = &tablePtr;
+        w.config = &configPtr;
+        w.ups = &upsPtr;
+        w.clock = &clock;
+        th.reset(new IpcCTrlCTh(ThCtrlSlot0, core.get(), w));
+        th->Start();
+        events();
+    }
+
+    void event(int code, std::vector<int> params = {})
+    {
+        EVENTMSGINFO ev;
+        std::memset(&ev, 0, sizeof ev);
+        ev.to = ThCtrlSlot0;
+        ev.code = code;
+        ev.count = static_cast<int>(params.size());
+        for (size_t i = 0; i < params.size(); ++i)
+            ev.params[i] = params[i];
+        th->HandleEvent(ev);
+        events();
+    }
+
+    // A datagram from a peer at address:port, as the transport delivers it.
+    void receive(const DG2MessageType& msg, const std::string& from, int port)
+    {
+        DG2MessageType copy = msg;
+        char name[DG2::kNameSize + 1] = {};
+        std::strncpy(name, from.c_str(), DG2::kNameSize);
+        table->setRvData(&copy, IPC_DST_REPLY, port, name, ThCtrlSlot0);
+        event(EvNetReceived);
+    }
+
+    // Everything queued since the last call, oldest first; each request or
+    // reply that waits for an answer gets its time-out armed as the
+    // transport arms it.
+    std::vector<IPC_DATA_REC> transmit()
+    {
+        std::vector<IPC_DATA_REC> out;
+        IPC_DATA_REC rec;
+        while (table->getSdData(&rec)) {
+            if (rec.ret.timeOut > 0 && rec.ret.awaited != -1) {
+                const int id = table->GetTimerID();
+                table->SetTimerInfo(id, &rec.ret);
+                _NOTIFYMSGINFO nt;
+                std::memset(&nt, 0, sizeof nt);
+                nt.code = NtNetTimerStart;
+                nt.count = 4;
+                nt.params[0] = id;
+                nt.params[1] = rec.ret.timeOut;
+                nt.params[3] = rec.ret.threadId;
+                core->SetNotify(&nt);
+            }
+            out.push_back(rec);
+        }
+        events();
+        return out;
+    }
+
+    // transmit(), described ("141 power-report r255 19:127.0.0.1 -> 17:127.0.0.5 body 1328").
+    std::vector<std::string> sent()
+    {
+        std::vector<std::string> out;
+        for (const IPC_DATA_REC& rec : transmit())
+            out.push_back(DG2Describe(rec.msg));
+        return out;
+    }
+
+    // Hands a running timer back to the protocol as its expiry event.
+    void expire(int id)
+    {
+        running.erase(id);
+        if (id >= TmNet2First && id <= TmNet2Last)
+            event(EvNetTimeout2, {id - TmNet2First});
+        else
+            event(EvNetTimeout, {id});
+    }
+
+    // The running reply time-outs (ids 30..265).
+    std::vector<int> replyTimers() const
+    {
+        std::vector<int> out;
+        for (int id : running)
+            if (id >= TmNetFirst && id <= TmNetLast)
+                out.push_back(id);
+        return out;
+    }
+
+    bool commErrTimerRunning(int slot) const { return running.count(IpcCTrlTh::CommErrTimerId(slot)) != 0; }
+    // Seconds from now to the expiry of a member's communication-error timer (-1: not running).
+    int commErrTimerLeft(int slot)
+    {
+        auto it = expiry.find(IpcCTrlTh::CommErrTimerId(slot));
+        return it == expiry.end() || !commErrTimerRunning(slot) ? -1 : it->second - static_cast<int>(clock.now());
+    }
+
+    DUP_MEMB_INFO member(const std::string& id)
+    {
+        std::vector<char> key(id.begin(), id.end());
+        key.push_back('\0');
+        DUP_MEMB_INFO rec;
+        table->GetMembInfo(key.data(), &rec);
+        return rec;
+    }
+    int slotOf(const std::string& id)
+    {
+        std::vector<char> key(id.begin(), id.end());
+        key.push_back('\0');
+        DUP_MEMB_INFO rec;
+        return table->GetMembInfo(key.data(), &rec);
+    }
+
+    // A registration from a member by address (source name = its address).
+    static DG2MessageType registration(const std::string& address, int port, const std::string& memberId = "")
+    {
+        DG2Address a;
+        a.memberId = memberId;
+        a.address = address;
+        a.port = port;
+        return DG2Builder(DG2::MsgRegister)
+            .from(address.c_str(), DG2::KindMember)
+            .to("127.0.0.1", DG2::KindController)
+            .pack([&](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, a); })
+            .msg();
+    }
+    // A member's answer to request msg: the layout of the request, from the
+    // name the controller wrote to.
+    static DG2MessageType answer(int msg, const std::string& from)
+    {
+        return DG2Builder(static_cast<uint8_t>(msg)).result(0).from(from.c_str(), DG2::KindMember)
+            .to("127.0.0.1", DG2::KindController).msg();
+    }
+    static DG2MessageType settingsAnswer(const std::string& from, const std::string& hostName)
+    {
+        DG2Settings s;
+        s.hostName = hostName;
+        s.groupName = "rack-3";
+        s.port = 3069;
+        return DG2Builder(DG2::MsgSettings).result(0).from(from.c_str(), DG2::KindMember)
+            .to("127.0.0.1", DG2::KindController)
+            .pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); })
+            .msg();
+    }
+
+    TempDir dir;
+    ManualClock clock;
+    std::unique_ptr<FileMap> config;
+    FileMap* configPtr = nullptr;
+    std::unique_ptr<StCTrl> core;
+    std::unique_ptr<IpcData> table;
+    IpcData* tablePtr = nullptr;
+    std::unique_ptr<UpsDataBlock> ups;
+    UpsDataBlock* upsPtr = nullptr;
+    std::unique_ptr<IpcCTrlCTh> th;
+    // Timers the core was asked to run (started, not stopped) and their
+    // expiry. As in the timer service, starting a running timer changes nothing.
+    std::set<int> running;
+    std::map<int, int> expiry;
+
+private:
+    // Takes the core's queued events: timer starts and stops update `running`.
+    void events()
+    {
+        EVENTMSGINFO ev;
+        while (core->popHeadForTest(&ev)) {
+            if (ev.to == ThTimer && ev.code == EvTimerStart) {
+                if (running.insert(ev.params[0]).second)
+                    expiry[ev.params[0]] = ev.params[1];
+            } else if (ev.to == ThTimer && ev.code == EvTimerStop) {
+                running.erase(ev.params[0]);
+            }
+        }
+    }
+};
