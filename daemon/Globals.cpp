@@ -10,6 +10,7 @@
 #include "ipc/GetHostNameTh.h"
 #include "ipc/IpcCTrlCTh.h"
 #include "ipc/IpcCTrlMTh.h"
+#include "ipc/IpcData.h"
 #include "ipc/IpcIFTh.h"
 #include "log/LogTh.h"
 #include "operator/CuiIFTh.h"
@@ -25,8 +26,8 @@ LogTh gCLogThread(ThLog, &gCStCtrl,
                   LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh, nullptr});
 PowerTh gPowerThread(ThPower, &gCStCtrl);
 CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig);
-IpcIFTh gIpcIfThread(ThIpcIF);
-IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0);
+IpcIFTh gIpcIfThread(ThIpcIF, IpcIFTh::Wiring{&gCStCtrl, &gIpcData, &gpMapConfig, &gpm_Memcnt, {}, {}, nullptr});
+IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0, &gCStCtrl, IpcCTrlCTh::Wiring{&gIpcData, &gpMapConfig, &gUpsData, nullptr});
 IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0);
 IpcCTrlMTh gIpcCTrlMThread2(ThCtrlSlot1);
 IpcCTrlMTh gIpcCTrlMThread3(ThCtrlSlot2);
@@ -39,3 +40,4 @@ FileMap* gpMapConfig = nullptr;
 FileMap* gpm_Memcnt = nullptr;
 UpsDataBlock* gUpsData = nullptr;
 IpcCTrlMTh* g_pMemberTh[4] = {nullptr, nullptr, nullptr, nullptr};
+IpcData* gIpcData = nullptr;

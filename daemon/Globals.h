@@ -19,6 +19,7 @@ class IpcIFTh;
 class IpcCTrlCTh;
 class IpcCTrlMTh;
 class GetHostNameTh;
+class IpcData;
 
 extern StCTrl gCStCtrl;
 extern TimerTh gCTimerThread;
@@ -42,3 +43,6 @@ extern FileMap* gpMapConfig;
 extern FileMap* gpm_Memcnt;
 extern UpsDataBlock* gUpsData;
 extern IpcCTrlMTh* g_pMemberTh[4];
+// The member table of the coordination network, made once the configuration
+// is loaded (it names its file from "Path"), before the network threads start.
+extern IpcData* gIpcData;

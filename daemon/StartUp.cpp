@@ -25,6 +25,7 @@
 #include "ipc/GetHostNameTh.h"
 #include "ipc/IpcCTrlCTh.h"
 #include "ipc/IpcCTrlMTh.h"
+#include "ipc/IpcData.h"
 #include "ipc/IpcIFTh.h"
 #include "log/LogTh.h"
 #include "operator/CreateMultiControllerFile.h"
@@ -287,6 +288,10 @@ void StartUp::startWorkers()
 
 void StartUp::startNetwork()
 {
+    // The member table keeps "MembInfo.dat" in the "Path" directory.
+    gIpcData = new (std::nothrow) IpcData(gCStCtrl, gpMapConfig->getConf("Path"), gHomeDir);
+    if (!gIpcData)
+        endInOrder(1, "out of memory");
     if (!gMember) {
         // The network side of a controller waits until the UPS has been
         // reached, checking once a second; a fatal stop meanwhile ends the wait.

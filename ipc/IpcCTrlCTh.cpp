@@ -44,7 +44,6 @@ IpcCTrlCTh::IpcCTrlCTh(int number, StCTrl* core, const Wiring& wiring)
     std::memset(mAddressAtArrival, 0, sizeof mAddressAtArrival);
 }
 
-IpcCTrlCTh::IpcCTrlCTh(int number) : IpcCTrlCTh(number, nullptr, Wiring()) {}
 
 IpcCTrlCTh::~IpcCTrlCTh() = default;
 

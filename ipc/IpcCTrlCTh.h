@@ -42,10 +42,6 @@ public:
     static constexpr int kIdDigits = 4;
 
     IpcCTrlCTh(int number, StCTrl* core, const Wiring& wiring);
-    // The daemon's thread before the composition root hands it its wiring:
-    // it only takes its events off the daemon's queue, as the thread did
-    // before the protocol existed.
-    explicit IpcCTrlCTh(int number);
     ~IpcCTrlCTh() override;
 
     // Start of the thread: own address ("IPAddress") as own name, identity

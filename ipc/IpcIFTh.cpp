@@ -64,7 +64,6 @@ IpcIFTh::IpcIFTh(int number, const Wiring& wiring) : tthread(number), mW(wiring)
     std::memset(&mRec, 0, sizeof mRec);
 }
 
-IpcIFTh::IpcIFTh(int number) : IpcIFTh(number, Wiring()) {}
 
 IpcIFTh::~IpcIFTh()
 {
@@ -244,8 +243,6 @@ void IpcIFTh::openBroadcastSocket(const std::string& address)
 
 void IpcIFTh::thread_main()
 {
-    if (!mW.core && !mW.table && !mW.config)
-        return; // not wired
     if (!wired()) {
         ErrorLog::report("coordination transport not started: no member table or configuration");
         return;
@@ -373,10 +370,15 @@ void IpcIFTh::remember(const std::string& name, const UdpDatagramInfo& info)
         mPeers.pop_front();
 }
 
-const IpcIFTh::Peer* IpcIFTh::remembered(const std::string& name) const
+const IpcIFTh::Peer* IpcIFTh::remembered(const std::string& name, int port) const
 {
     for (const Peer& p : mPeers)
         if (p.name == name)
+            return &p;
+    // The protocol may name a stranger by the address its request came from,
+    // with its port as the record's value: still only a recent sender's.
+    for (const Peer& p : mPeers)
+        if (p.address == name && (port <= 0 || p.port == port))
             return &p;
     return nullptr;
 }
@@ -399,7 +401,7 @@ void IpcIFTh::drainSendQueue()
         }
         // No member: a reply to a stranger goes back where its request came
         // from, never to an address read from a datagram's text.
-        const Peer* peer = remembered(name);
+        const Peer* peer = remembered(name, mRec.value);
         if (peer == nullptr) {
             mSendLog.note(now(),
                           "message " + std::to_string(mRec.msg.msgNo) + " for \"" + ErrorLog::printable(name) +

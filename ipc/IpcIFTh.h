@@ -53,8 +53,6 @@ public:
     static constexpr int kMaxInterfaces = 64;
 
     IpcIFTh(int number, const Wiring& wiring);
-    // Not wired: thread_main returns at once.
-    explicit IpcIFTh(int number);
     ~IpcIFTh() override;
 
     IpcIFTh(const IpcIFTh&) = delete;
@@ -137,7 +135,10 @@ private:
     void armTimeOut(const std::string& target, const std::string& dstName);
     int transmit(const std::string& target, int port, bool replaceAt);
     void remember(const std::string& name, const UdpDatagramInfo& info);
-    const Peer* remembered(const std::string& name) const;
+    // The recent sender a reply to a non-member goes to: the one whose
+    // datagram carried this source name, else the one that sent from this
+    // address (and, when port > 0, this port). Null when none.
+    const Peer* remembered(const std::string& name, int port) const;
 
     Wiring mW;
     Clock* mClock;

@@ -303,6 +303,11 @@ TEST(IpcIFThSend, ReplyToAStrangerGoesOnlyWhereItsRequestCameFrom)
     const DG2Builder reply = fromController(DG2::MsgPresence, "127.0.0.1").result(0).from("127.0.0.9", 81);
     r.queue(record(IPC_DST_REPLY, req.msg.srcName, reply));
     EXPECT_EQ(inbox(*stranger).size(), 1u);
+    // The protocol names a stranger by the address its request came from, its port as the value.
+    IPC_DATA_REC byAddress = record(IPC_DST_REPLY, "127.0.0.9", reply);
+    byAddress.value = 5555;
+    r.queue(byAddress);
+    EXPECT_EQ(inbox(*stranger).size(), 1u);
 
     // A name nobody sent from recently gets nothing; only 64 senders are kept.
     const size_t sent = r.net.sent().size();
