@@ -187,7 +187,7 @@ int IpcCTrlCTh::findSender()
     std::string id;
     if (mMsg.msgNo == DG2::MsgRegister)
         id = registrationId();
-    else if (!src.empty() && (src[0] != ' ' || src == mIdentity))
+    else
         id = src;
     DUP_MEMB_INFO rec;
     int slot = 0;
@@ -196,9 +196,10 @@ int IpcCTrlCTh::findSender()
         key.push_back('\0');
         slot = table().GetMembInfo(key.data(), &rec);
     }
-    // Members by identity all send under the identity text, and a member
-    // answers under the address the controller wrote to: the sender address.
-    if (slot == 0 && mMsg.msgNo != DG2::MsgRegister && !id.empty()) {
+    // A member by identity sends under its member ID or under the identity
+    // text, and a member answers under the address the controller wrote to:
+    // the sender address. A foreign identity is nobody.
+    if (slot == 0 && mMsg.msgNo != DG2::MsgRegister && !id.empty() && (id[0] != ' ' || id == mIdentity)) {
         char memberId[kMembIdSize];
         slot = table().GetMembId(mSender, memberId);
         if (slot != 0)

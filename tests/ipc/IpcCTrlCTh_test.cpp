@@ -159,10 +159,10 @@ TEST(IpcCTrlCThIdentity, MembersByIdentityGetNumberedIdsAndFinishTheirExchange)
         EXPECT_EQ(FileMap(r.dir.file("Kestrava.ini")).getConf("MemberIDData"), "1") << "saved";
         EXPECT_EQ(r.member(" ABCD0001").flag, 1);
 
-        // Its answers come under the identity text, from its address.
+        // Its answers come under the identity text or its member ID, from its address.
         for (int msg : {0, 181, 140, 141}) {
-            r.receive(msg == 0 ? Rig::settingsAnswer(" ABCD", "id-host") : Rig::answer(msg, " ABCD"), "127.0.0.7",
-                      3069);
+            const char* from = msg == 140 ? " ABCD0001" : " ABCD";
+            r.receive(msg == 0 ? Rig::settingsAnswer(from, "id-host") : Rig::answer(msg, from), "127.0.0.7", 3069);
             r.transmit();
         }
         EXPECT_EQ(r.member(" ABCD0001").status, MembActive);
