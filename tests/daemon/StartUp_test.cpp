@@ -1,10 +1,8 @@
-// The daemon as a process: each test runs the real executable from a fresh
-// home directory (a "kestrava" symlink beside its Kestrava.ini and alert.rc),
-// with the pid file, lock directory, shutdown command and `wall` moved into
-// that directory, in a network namespace of its own. The test process is a
-// child subreaper, so the daemonised child becomes its child: its exit
-// status can be read and it is always reaped. Every daemon started is
-// killed by pid in teardown.
+// The daemon as a process, run from a fresh home directory with the pid
+// file, lock directory, shutdown command and `wall` moved into it, in a
+// network namespace of its own. The test process is a child subreaper, so
+// the detached daemon is its child: its exit status can be read, and every
+// daemon started is killed by pid and reaped in teardown.
 #include "daemon/StartUp.h"
 
 #include <gtest/gtest.h>
@@ -33,13 +31,11 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::string textPid(int pid) { return std::to_string(pid) + "\n"; }
 
-// The exit status in a wait status; -1 when the process did not exit normally.
 int exitCode(int waitStatus) { return waitStatus != -1 && WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }
 
-// One invocation of the executable: the exit status and standard error of
-// the invoked process (the parent), the file given as its standard input
-// (the daemon's error output once detached), and the pid in the pid file
-// when the parent exited 0.
+// One invocation: the invoked process's status and standard error, the file
+// given as its standard input (the detached daemon's error output), and the
+// pid in the pid file when it exited 0.
 struct Started : ChildRun {
     std::string input;
     int daemon = 0;
@@ -77,8 +73,7 @@ protected:
     }
     void writeControllerIni() { writeIni({{"UPSController", "1"}, {"DeviceName", dir_ + "/ttyKs0"}, {"Path", dir_}}); }
 
-    // Runs the executable through its symlink and waits at most 20 s for
-    // the invoked process to end.
+    // Runs the executable through its symlink (at most 20 s).
     Started start()
     {
         Started s;
@@ -90,10 +85,8 @@ protected:
             setenv("KESTRAVA_PID_FILE", pidFile().c_str(), 1);
             setenv("KESTRAVA_LOCK_DIR", (dir_ + "/lock").c_str(), 1);
             setenv("KESTRAVA_SHUTDOWN_CMD", (dir_ + "/bin/fake-shutdown").c_str(), 1);
-            // The daemon opens its console and coordination sockets: a
-            // network namespace of its own (only a loopback, down) goes with
-            // it. Where that is not permitted it runs as is; these tests send
-            // nothing over the network.
+            // Its sockets go in a namespace of its own where permitted;
+            // these tests send nothing over the network.
             unshare(CLONE_NEWNET);
             int in = open(s.input.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
             if (in < 0 || dup2(in, 0) < 0)
@@ -108,8 +101,6 @@ protected:
         return s;
     }
 
-    // Waits at most `seconds` for a child of this process; its wait status,
-    // or -1 when it had to be killed.
     int reap(pid_t pid, int seconds)
     {
         daemons_.erase(pid);
@@ -117,8 +108,7 @@ protected:
     }
     bool alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
 
-    // Starts a daemon whose invoked process detaches with status 0, and
-    // gives the daemon's own exit status (at most 10 s).
+    // The exit status (at most 10 s) of a daemon that detached with status 0.
     int daemonExit()
     {
         Started s = start();
