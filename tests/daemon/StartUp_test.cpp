@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
 #include <map>
@@ -210,27 +209,14 @@ TEST_F(DaemonProcessTest, ControllerRunsOnceAndStopsOnTermination)
     EXPECT_EQ(readFile(first.input), "") << "nothing on the daemon's error output";
 }
 
-TEST_F(DaemonProcessTest, DeviceLockOfALiveProcessOrEmptyStopsTheDaemonAStaleOneIsTakenOver)
+TEST_F(DaemonProcessTest, DeviceLockOfALiveProcessStopsTheDetachedDaemon)
 {
+    // The parent leaves before the lock is tried; someone else's lock is left alone.
     writeControllerIni();
-    // Held by this (live) test process, then an empty lock file. The parent
-    // leaves before the lock is tried; someone else's lock is left alone.
-    for (const std::string& held : {textPid(getpid()), std::string()}) {
-        writeFile(lockFile(), held);
-        EXPECT_EQ(daemonExit(), 255) << "lock '" << held << "'";
-        EXPECT_EQ(readFile(lastInput_), "Device ttyKs0 is locked.\n");
-        EXPECT_EQ(readFile(lockFile()), held);
-    }
-    // A lock of a dead process, as text or in the old 4-byte binary form.
-    int32_t dead = deadPid();
-    for (const std::string& form : {textPid(dead), std::string(reinterpret_cast<const char*>(&dead), 4)}) {
-        writeFile(lockFile(), form);
-        Started s = start();
-        ASSERT_GT(s.daemon, 0);
-        EXPECT_TRUE(waitFor([&] { return readFile(lockFile()) == textPid(s.daemon); }, 10, 20))
-            << "lock of " << form.size() << " bytes holds '" << readFile(lockFile()) << "'";
-        reap(s.daemon, 0);
-    }
+    writeFile(lockFile(), textPid(getpid()));
+    EXPECT_EQ(daemonExit(), 255);
+    EXPECT_EQ(readFile(lastInput_), "Device ttyKs0 is locked.\n");
+    EXPECT_EQ(readFile(lockFile()), textPid(getpid()));
 }
 
 TEST_F(DaemonProcessTest, MemberNeedsItsControllerListAndMakesItsDirectories)

@@ -47,8 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 2)
         return 0;
     XcpLinkRig rig;
-    rig.config.reset(new FileMap());
-    rig.config->setConf("DeviceName", "/dev/fuzz");
     rig.wire();
     XcpIFTh& link = *rig.link;
     UpsDataBlock& ups = *rig.ups;

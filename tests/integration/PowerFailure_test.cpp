@@ -1,20 +1,15 @@
-// A power failure end to end: the real daemon as a controller talking XCP to
-// the UPS simulator on a pseudo-terminal. Utility power lost (alarm 59)
-// leads through the wink and a one-minute countdown to the UPS's delayed
-// power-off, the application termination command and the host shutdown
-// command; power back during the countdown cancels it. Everything runs in a
-// temporary home directory with its own pid file, lock directory, shutdown
-// command (a script that records its runs) and a fake `wall`.
+// A power failure end to end, the real daemon against the UPS simulator in
+// a DaemonSandbox: utility lost (alarm 59) leads through the wink and a
+// one-minute countdown to the UPS's delayed power-off, the termination
+// command and the host shutdown; power back during the countdown cancels it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/fakes/DaemonSandbox.h"
@@ -59,15 +54,14 @@ protected:
 
     void TearDown() override { finish(HasFailure()); }
 
-    // Raises alarm 59 and returns the time of the poll that reports it.
-    double raiseUtilityFailure()
+    // Raises alarm 59 and waits for the poll that reports it; the time then.
+    time_t raiseUtilityFailure()
     {
         size_t mark = frameLog().size();
         EXPECT_TRUE(simCommand("alarm set 59"));
-        int poll = -1;
-        waitFor([&] { return (poll = findTaken(frameLog(), "35", mark)) >= 0; }, 30);
-        EXPECT_GE(poll, 0) << "no poll after the alarm was raised";
-        return poll >= 0 ? frameLog()[poll].time : 0;
+        if (!waitFor([&] { return findTaken(frameLog(), "35", mark) >= 0; }, 30))
+            return 0;
+        return time(nullptr);
     }
 
     std::string appRuns, shutdownRuns;
@@ -75,8 +69,7 @@ protected:
 
 TEST_F(PowerFailure, UtilityLossEndsInUpsPowerOffAndHostShutdown)
 {
-    double reported = raiseUtilityFailure();
-    ASSERT_GT(reported, 0);
+    ASSERT_GT(raiseUtilityFailure(), 0) << "no poll after the alarm was raised";
 
     // Wink 2 s and one countdown minute, then the power-off after the authorisation.
     int off = -1;
@@ -108,17 +101,15 @@ TEST_F(PowerFailure, UtilityLossEndsInUpsPowerOffAndHostShutdown)
 
 TEST_F(PowerFailure, PowerBackDuringTheCountdownCancelsIt)
 {
-    double reported = raiseUtilityFailure();
-    ASSERT_GT(reported, 0);
+    const time_t reported = raiseUtilityFailure();
+    ASSERT_GT(reported, 0) << "no poll after the alarm was raised";
 
     // Well inside the countdown minute, power comes back.
     std::this_thread::sleep_for(std::chrono::seconds(20));
     ASSERT_TRUE(simCommand("alarm clear 59"));
 
     // Past the moment the countdown would have ended, with room to spare.
-    auto until = reported + 80.0;
-    while (static_cast<double>(time(nullptr)) < until)
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::this_thread::sleep_until(std::chrono::system_clock::from_time_t(reported + 80));
 
     EXPECT_LT(findTaken(frameLog(), "8A"), 0) << "the UPS was told to power off";
     EXPECT_TRUE(runTimes(appRuns).empty());

@@ -1,18 +1,11 @@
-// The UPS link end to end: the real daemon as a controller finds the UPS
-// simulator by hunting the line speed, steps the speed up, records the UPS's
-// identity in its configuration file and polls the UPS block by block; it
-// survives the faults the simulator plays (bad frames, silence, a line that
-// hangs up) with one event-log line per lost and re-established link; an
-// identity that carries a line break adds no key to its configuration file.
-// Everything runs in a temporary home directory with its own pid file, lock
-// directory, a harmless shutdown command and a fake `wall`. The daemon's
-// pauses are the real ones, so these tests take minutes.
+// The UPS link end to end, the real daemon against the UPS simulator in a
+// DaemonSandbox: line-speed hunting, step-up, identity and polls, and the
+// faults the simulator plays. The daemon's pauses are real: minutes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/fakes/DaemonSandbox.h"

@@ -14,12 +14,7 @@ using P = ScriptedSerialPort;
 
 class XcpLinkTest : public ::testing::Test, public XcpLinkRig {
 protected:
-    void SetUp() override
-    {
-        config.reset(new FileMap());
-        config->setConf("DeviceName", "/dev/ttyS9");
-        wire();
-    }
+    void SetUp() override { wire(); }
     // Opens the port if needed and sends one request; the exchange's result.
     int exchange(unsigned char code, std::string* reply)
     {
