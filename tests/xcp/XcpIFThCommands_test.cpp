@@ -73,7 +73,8 @@ TEST_F(XcpCommandTest, FramesCarryTheirArgumentsAfterAuthentication)
     link->setMaxCommandLength(16);
     EXPECT_EQ(0, link->setScheduledUPSOnOff(1));
     EXPECT_EQ("AB 04 93 00 00 01", body(port.framesWithCode(0x93).at(0)));
-    // The speed change: XcpIFThDetect_test (switch without an answer) and UpsLink_test (its frame).
+    EXPECT_EQ(0, link->setCommunicationParameter(19200));  // switching without an answer: XcpIFThDetect_test
+    EXPECT_EQ("AB 05 98 00 01 00 4B", body(port.framesWithCode(0x98).at(0)));
 }
 
 TEST_F(XcpCommandTest, RepliesMustEchoAndUnlistedCommandsAreSkipped)

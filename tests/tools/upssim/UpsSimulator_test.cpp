@@ -104,15 +104,12 @@ TEST(UpsModel, BlocksParseAsTheDaemonReadsThem) {
     d.setMeters(text(ask(m, 0x34).data));
     EXPECT_EQ(4600, d.meterValue(33));  // battery low pulls the battery voltage down
 
-    // Capabilities and the step-up: end to end in UpsLink_test.
     UpsModel faked(optionsFrom({"--commands", "31,33,A0", "--command-count", "10"}));
     EXPECT_EQ((Bytes{10, 1, 0x31, 0x33, 0xA0}), ask(faked, 0x40).data);
 }
 
 TEST(UpsModel, UnknownCommandsAndTheDelayedPowerOff) {
-    // The echoes and the step-up are what the daemon's detection needs: end
-    // to end in UpsLink_test. Delayed power-off: pending, off after the
-    // delay, back once utility is.
+    // Delayed power-off: pending, off after the delay, back once utility is.
     UpsModel m(optionsFrom({}));
     EXPECT_EQ(UpsModel::kNotImplemented, ask(m, 0x77).data.at(0));
     UpsModel u(optionsFrom({"--alarms", "57"}));
