@@ -1,13 +1,13 @@
 // Pid file and device lock helpers. Functions that end the process on
 // failure run in forked children; the pid file and the lock directory are
 // moved into a private temporary directory before anything reads them. The
-// daemon's own start-up with these locks (pid file of the detached daemon,
-// second start, live, empty and stale locks) is tested in StartUp_test.
+// daemon's own start-up with these locks is tested in StartUp_test.
 #include "core/DaemonLock.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <sys/stat.h>
@@ -79,14 +79,21 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
     struct stat st = {};
     EXPECT_TRUE(stat(lock.c_str(), &st) == 0 && (st.st_mode & 07777) == 0644u);
 
-    // So do the old binary form with a live owner and a lock naming no
-    // positive pid (the text form and the empty lock: see StartUp_test).
-    for (const std::string& content : {binaryPid(getpid()), std::string("0\n")}) {
+    // So do a live owner in the text or the old binary form, and a lock
+    // naming no positive pid; a dead owner's lock is taken over.
+    for (const std::string& content : {textPid(getpid()), binaryPid(getpid()), std::string("0\n"), std::string()}) {
         writeFile(lock, content);
         ChildRun r = inChild([] { ttysLock("ttyA0"); });
         EXPECT_EQ(r.status, 255) << "content '" << content << "'";
         EXPECT_EQ(r.err, "Device ttyA0 is locked.\n") << "content '" << content << "'";
         EXPECT_EQ(readFile(lock), content);
+    }
+    const int32_t dead = deadPid();
+    for (const std::string& content : {textPid(dead), binaryPid(dead)}) {
+        writeFile(lock, content);
+        ChildRun r = inChild([] { ttysLock("ttyA0"); dprintf(1, "%d\n", getpid()); });
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(readFile(lock), r.out) << "content of " << content.size() << " bytes";
     }
     unlink(lock.c_str());
 

@@ -1,10 +1,5 @@
 // ChildProcess: helpers for tests that start processes or wait for what
-// another thread or process does. Every wait here is bounded: waitFor polls
-// a condition until it holds or the time is up, waitBounded waits for a
-// child and kills it when it does not end in time; deadPid gives a pid that
-// belonged to a process already ended and reaped; pidAlive tells whether a
-// pid (not necessarily a child) is still in use; runChild and runProgram run
-// a function or a program in a child with its output captured.
+// another thread or process does. Every wait here is bounded.
 #pragma once
 
 #include <cerrno>

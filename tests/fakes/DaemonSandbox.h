@@ -1,13 +1,9 @@
-// DaemonSandbox: the real daemon and the UPS simulator for an integration
-// test, in a home directory of their own ("/tmp/<stem>XXXXXX/"): the
-// `kestrava` symlink beside Kestrava.ini and the shipped alert.rc, a
-// shutdown command script, a fake `wall` first in PATH, a "log" directory,
-// and the pid file and lock directory moved inside through
-// KESTRAVA_PID_FILE, KESTRAVA_LOCK_DIR and KESTRAVA_SHUTDOWN_CMD.
-// The simulator serves "<home>ups" (the daemon's device, which survives
-// the simulator's hang-ups) and takes runtime commands; finish() ends both
-// by pid with bounded waits, and keeps the home (named on standard error)
-// when the test failed. Every wait looks again every `pollMs`.
+// DaemonSandbox: the real daemon and the UPS simulator in a home directory
+// of their own, with a recording shutdown script, a fake `wall` first in
+// PATH, and the pid file and lock directory moved inside through the
+// KESTRAVA_* overrides. The simulator serves "<home>ups" and takes runtime
+// commands; finish() ends both by pid with bounded waits and keeps the home
+// (named on standard error) when the test failed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
@@ -29,11 +24,10 @@
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/TempDir.h"
 
-// One line of the simulator's frame log: its wall-clock time, the kind
-// ("RX", "TX" or "NOTE") and the text after it ("AB 01 35 1F",
-// "AB 01 35 1F (ignored: silent)", "line speed 4800: answering").
+// One line of the simulator's frame log: the kind ("RX", "TX" or "NOTE")
+// and the text after it ("AB 01 35 1F", "AB 01 35 1F (ignored: silent)",
+// "line speed 4800: answering").
 struct FrameLine {
-    double time;
     std::string kind;
     std::string text;
     // A received frame the simulator took (answered, or taken without an answer like the authentication).
@@ -108,16 +102,10 @@ public:
         std::vector<FrameLine> out;
         for (const auto& line : readLines(frames)) {
             // "YYYY-MM-DD HH:MM:SS.mmm KIND text"
-            struct tm tm = {};
-            int ms = 0, used = 0;
+            int used = 0;
             char kind[8] = {0};
-            if (sscanf(line.c_str(), "%d-%d-%d %d:%d:%d.%d %7s %n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                       &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &ms, kind, &used) < 8)
-                continue;
-            tm.tm_year -= 1900;
-            tm.tm_mon -= 1;
-            tm.tm_isdst = -1;
-            out.push_back({static_cast<double>(mktime(&tm)) + ms / 1000.0, kind, line.substr(used)});
+            if (sscanf(line.c_str(), "%*s %*s %7s %n", kind, &used) == 1)
+                out.push_back({kind, line.substr(used)});
         }
         return out;
     }

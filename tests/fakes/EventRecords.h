@@ -1,9 +1,6 @@
 // EventRecords: event records for tests of the controller core and the
-// threads it feeds: eventRecord fills one (addressee, code, parameters) the
-// way the core queues it, drainEvents takes every queued event out of a
-// local controller core, oldest first; describe/drainDescribed give them as
-// "to:EvName(code):p0,p1,..." texts for compact comparisons that name the
-// event in a failure trace; describe(notification) gives "NtName(code):p0,...".
+// threads it feeds, and their texts "to:EvName(code):p0,p1,..." (and
+// "NtName(code):p0,..." for notifications) for compact comparisons.
 #pragma once
 
 #include <string>

@@ -1,8 +1,9 @@
 // XcpLinkRig: the UPS link under test (XcpIFTh), wired as the daemon wires
 // it but to a scripted serial port: a manual clock, the configuration map,
 // the UPS data block, a local controller core and the XCP event thread. A
-// test fixture derives from it, fills `config` and calls wire(); it then
-// drives `link` and checks `port`, `ups` and the events `ctrl` queued.
+// test fixture derives from it, fills `config` (or leaves it to wire(): an
+// empty map naming "/dev/ttyS9") and calls wire(); it then drives `link`
+// and checks `port`, `ups` and the events `ctrl` queued.
 #pragma once
 
 #include <memory>
@@ -19,6 +20,10 @@ class XcpLinkRig {
 public:
     void wire()
     {
+        if (!config) {
+            config.reset(new FileMap());
+            config->setConf("DeviceName", "/dev/ttyS9");
+        }
         configPtr = config.get();
         ups.reset(new UpsDataBlock(&clock));
         upsPtr = ups.get();

@@ -6,15 +6,16 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "config/FileMap.h"
+#include "tests/fakes/TempDir.h"
 
 namespace {
 std::map<std::string, std::string> entries(FileMap& map, const std::map<std::string, std::string>& keys)
@@ -30,20 +31,12 @@ std::map<std::string, std::string> entries(FileMap& map, const std::map<std::str
 std::vector<std::string> pairKeys(const std::string& text)
 {
     std::vector<std::string> keys;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        const std::string line = text.substr(start, end - start);
-        const size_t eq = line.find('=');
-        if (!line.empty() && line[0] != '#' && eq != std::string::npos) {
-            std::string key = line.substr(0, eq);
-            FileMap::trimming(&key);
-            keys.push_back(key);
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] != '#' && line.find('=') != std::string::npos) {
+            keys.push_back(line.substr(0, line.find('=')));
+            FileMap::trimming(&keys.back());
         }
-        start = end + 1;
-    }
     return keys;
 }
 
@@ -82,22 +75,13 @@ const std::string& scratchFile()
     static Scratch scratch;
     return scratch.file;
 }
-
-bool writeAll(const std::string& path, const std::string& text)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f)
-        return false;
-    const bool ok = fwrite(text.data(), 1, text.size(), f) == text.size();
-    return fclose(f) == 0 && ok;
-}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
     const std::string& path = scratchFile();
-    if (!writeAll(path, text))
+    if (!writeFile(path, text))
         abort();
 
     FileMap map(path);

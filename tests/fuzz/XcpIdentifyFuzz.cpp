@@ -11,36 +11,22 @@
 #include <cstdint>
 #include <string>
 
-#include "config/FileMap.h"
-#include "control/StCTrl.h"
-#include "tests/fakes/ManualClock.h"
-#include "tests/fakes/ScriptedSerialPort.h"
-#include "xcp/UpsDataBlock.h"
-#include "xcp/XcpIFTh.h"
-#include "xcp/XcpTh.h"
+#include "tests/fakes/XcpLinkRig.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2)
         return 0;
-    static ManualClock clock(1800000000);
-    static FileMap config;
-    static bool configured = false;
-    if (!configured) {
-        config.setConf("DeviceName", "/dev/fuzz");
-        configured = true;
-    }
-    static StCTrl ctrl(&clock, &config);
-    static XcpTh events(2, &ctrl);
+    XcpLinkRig rig;
+    rig.wire();
+    XcpIFTh& link = *rig.link;
+    UpsDataBlock& ups = *rig.ups;
+    ScriptedSerialPort& port = rig.port;
 
     const size_t textLength = std::min<size_t>(data[0], size - 2);
     const std::string text(reinterpret_cast<const char*>(data + 2), textLength);
     const std::string reply(reinterpret_cast<const char*>(data + 2 + textLength), size - 2 - textLength);
 
-    UpsDataBlock ups(&clock);
-    UpsDataBlock* upsPtr = &ups;
-    FileMap* configPtr = &config;
-    ScriptedSerialPort port;
     port.dsrFollowsDtr = true;
     port.pnpText = text;
     ScriptedSerialPort::Reply answer;
@@ -51,24 +37,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     else
         port.queueReply(0xA0, answer);
     port.queueReply(0x31, answer);
-    XcpIFTh link(3, &ctrl, &port, &configPtr, &upsPtr, &events, &port.sleeper());
     link.portOpen();
 
     const int r = link.plugAndPlay();
-    if (link.commandBuffer().size() != 1)
-        __builtin_trap();
-    if (r == 0 && link.currentBaudrate() != 1200)
-        __builtin_trap();
-    if (r < 0 || r > 9)
+    if (link.commandBuffer().size() != 1 || r < 0 || r > 9 || (r == 0 && link.currentBaudrate() != 1200))
         __builtin_trap();
 
     // The parser on its own, on the raw bytes, twice (a second
     // identification replaces the first).
     ups.setStandardIDBlock(reply);
     ups.setStandardIDBlock(text);
-    const std::string name = ups.getUnitName();
-    const std::string firmware = ups.getFirmware();
-    if (name.size() > 255 || firmware.empty())
+    if (ups.getUnitName().size() > 255 || ups.getFirmware().empty())
         __builtin_trap();
     ups.getSerielNo();
     return 0;

@@ -9,13 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "config/FileMap.h"
-#include "control/StCTrl.h"
-#include "tests/fakes/ManualClock.h"
-#include "tests/fakes/ScriptedSerialPort.h"
-#include "xcp/UpsDataBlock.h"
-#include "xcp/XcpIFTh.h"
-#include "xcp/XcpTh.h"
+#include "tests/fakes/XcpLinkRig.h"
 
 namespace {
 const unsigned char kCodes[] = {0xA0, 0x31, 0x33, 0x34, 0x35, 0x36, 0x3B, 0x3C,
@@ -52,24 +46,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2)
         return 0;
-    static ManualClock clock(1800000000);
-    static FileMap config;
-    static bool configured = false;
-    if (!configured) {
-        config.setConf("DeviceName", "/dev/fuzz");
-        configured = true;
-    }
-    static StCTrl ctrl(&clock, &config);
-    static XcpTh events(2, &ctrl);
+    XcpLinkRig rig;
+    rig.wire();
+    XcpIFTh& link = *rig.link;
+    UpsDataBlock& ups = *rig.ups;
+    ScriptedSerialPort& port = rig.port;
 
     const unsigned char code = kCodes[data[0] % sizeof kCodes];
     const std::string bytes(reinterpret_cast<const char*>(data + 2), size - 2);
 
-    UpsDataBlock ups(&clock);
-    UpsDataBlock* upsPtr = &ups;
-    FileMap* configPtr = &config;
-    ScriptedSerialPort port;
-    XcpIFTh link(3, &ctrl, &port, &configPtr, &upsPtr, &events, &port.sleeper());
     link.portOpen();
     link.setMaxCommandLength(64);
 

@@ -1,44 +1,28 @@
-// The UPS link end to end: the real daemon as a controller finds the UPS
-// simulator by hunting the line speed, steps the speed up, records the UPS's
-// identity in its configuration file and polls the UPS block by block; it
-// survives the faults the simulator plays (bad frames, silence, a line that
-// hangs up) with one event-log line per lost and re-established link, and an
-// identity that carries a line break adds no key to its configuration file.
-// Everything runs in a temporary home directory with its own pid file, lock
-// directory, a harmless shutdown command and a fake `wall`. The daemon's
-// pauses are the real ones, so these tests take minutes.
+// The UPS link end to end, the real daemon against the UPS simulator in a
+// DaemonSandbox: identity and polls through the faults the simulator plays.
+// Line-speed hunting and the step-up are checked on a scripted line in
+// XcpIFThDetect_test, the speeds on a real terminal in
+// TermiosSerialPort_test. The daemon's pauses are real: minutes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/fakes/DaemonSandbox.h"
 
 namespace {
 
-const char kAuthFrame[] = "AB 04 CF 69 E8 D5 5C";
-// Communication parameter: line speed 19200 (0x4B00).
-const char kStepUpTo19200[] = "AB 05 98 00 01 00 4B 6C";
 // The poll, block by block: "5", "4", "3", "A", ";".
 const std::vector<std::string> kPollCycle = {"35", "34", "33", "41", "3B"};
 const char kLost[] = "UPS communication error.";
 const char kBack[] = "UPS communication established.";
-// A quick UPS: found at the first rate tried, no step-up, no outlets.
-const std::vector<std::string> kQuickUps = {"--cap-speeds", "9600", "--outlets", "0"};
 
 class UpsLink : public ::testing::Test, public DaemonSandbox {
 protected:
     UpsLink() : DaemonSandbox("kestrava-link-", 250) {}
 
     void TearDown() override { finish(HasFailure()); }
-
-    void start(const std::vector<std::string>& simOptions)
-    {
-        startController(simOptions, "UPSFirmWare=\nUPSSerial=\nModelName=\nWinkTime1=600\nAppTermCommand1=true\n");
-    }
 
     // The event log's lines about the link.
     std::vector<std::string> linkLines()
@@ -89,62 +73,31 @@ protected:
             return ::testing::AssertionFailure() << ::testing::PrintToString(polls);
         return ::testing::AssertionSuccess();
     }
-
-    std::string upsCommText() { return readFile(home + "upsCommInfo.tmp"); }
 };
-
-TEST_F(UpsLink, HuntsStepsUpIdentifiesAndPolls)
-{
-    start({"--speeds", "4800"});
-    if (HasFatalFailure())
-        return;
-
-    // Detection: four rates without an answer, then 4800.
-    auto log = frameLog();
-    std::vector<int> tried;
-    int speed = 0;
-    for (const FrameLine& l : log) {
-        // An "(ignored: line speed N not accepted)" frame, or a "line speed N: answering" note.
-        const size_t at = l.text.find("line speed ");
-        if (at != std::string::npos)
-            speed = atoi(l.text.c_str() + at + 11);
-        if (l.kind == "RX" && l.text.rfind(kAuthFrame, 0) == 0) {
-            tried.push_back(speed);
-            if (l.taken())
-                break;
-        }
-    }
-    EXPECT_EQ(std::vector<int>({9600, 2400, 1200, 19200, 4800}), tried);
-
-    // One step-up, to the fastest speed offered; everything after it answered at 19200.
-    std::vector<std::string> stepUps;
-    for (const FrameLine& l : log)
-        if (l.kind == "RX" && l.code() == "98")
-            stepUps.push_back(l.text);
-    EXPECT_EQ(std::vector<std::string>{kStepUpTo19200}, stepUps);
-    EXPECT_EQ(std::string::npos, log.back().text.find("ignored"));
-
-    std::string ini = readFile(home + "Kestrava.ini");
-    EXPECT_NE(std::string::npos, ini.find("UPSFirmWare= 2.15(230-KS)\n")) << ini;
-    EXPECT_NE(std::string::npos, ini.find("UPSSerial= KS15SIM000000001\n")) << ini;
-    EXPECT_NE(std::string::npos, ini.find("ModelName= Kestrava SimUPS 1500\n")) << ini;
-
-    const int detected = findTaken(log, "89");
-    ASSERT_GE(detected, 0) << "detection did not reach the outlet commands";
-    EXPECT_TRUE(pollsInOrder(static_cast<size_t>(detected) + 1, 2));
-    EXPECT_NE(std::string::npos, upsCommText().find("UPS Monitor Established")) << upsCommText();
-}
 
 // Bad checksum, wrong sequence number, a truncated reply, a UPS that stops
 // answering and a line that hangs up (the device gone for a while, then
 // back under the same path) each lose the link once; a reply split by a
-// pause the daemon waits out loses nothing.
+// pause the daemon waits out loses nothing. The UPS is found at the first
+// rate tried; its model name carries a line break and a key of its own,
+// which must not reach the configuration file as a command to run.
 TEST_F(UpsLink, FaultsLoseTheLinkOnceEachAndASplitReplyNothing)
 {
-    start(kQuickUps);
+    startController({"--cap-speeds", "9600", "--outlets", "0", "--model", "SimUPS\\r\\nAppTermCommand1=echo injected"},
+                    "UPSFirmWare=\nUPSSerial=\nModelName=\nWinkTime1=600\nAppTermCommand1=true\n");
     if (HasFatalFailure())
         return;
     const std::string ini = readFile(home + "Kestrava.ini");
+    EXPECT_NE(std::string::npos, ini.find("UPSFirmWare= 2.15(230-KS)\nUPSSerial= KS15SIM000000001\nModelName=\n"))
+        << ini;
+    std::vector<std::string> keys;
+    for (const std::string& l : readLines(home + "Kestrava.ini"))
+        keys.push_back(l.substr(0, l.find('=')));
+    EXPECT_EQ(std::vector<std::string>({"UPSController", "DeviceName", "UPSFirmWare", "UPSSerial", "ModelName",
+                                        "WinkTime1", "AppTermCommand1", "Path", "DumpLogRate", "DumpLogDays",
+                                        "CuiPort", "IPAddress", "CtrlPort1", "MemberPort", "AccessCode1"}),
+              keys);
+    EXPECT_NE(std::string::npos, ini.find("\nAppTermCommand1=true\n"));
     for (const char* fault : {"fault checksum", "fault sequence", "fault truncate"})
         ASSERT_NO_FATAL_FAILURE(loseAndRecover(fault));
     size_t mark = frameLog().size();
@@ -166,26 +119,8 @@ TEST_F(UpsLink, FaultsLoseTheLinkOnceEachAndASplitReplyNothing)
     for (int fault = 0; fault < 5; ++fault)
         expected.insert(expected.end(), {kLost, kBack});
     EXPECT_EQ(expected, linkLines());
-    EXPECT_EQ("UPS Communication Established\n", upsCommText());
+    EXPECT_EQ("UPS Communication Established\n", readFile(home + "upsCommInfo.tmp"));
     EXPECT_EQ(ini, readFile(home + "Kestrava.ini"));
-    EXPECT_TRUE(pidAlive(daemonPid));
-}
-
-// A model name carrying a line break and a key of its own is not written
-// into the configuration file, so it cannot add a command to run.
-TEST_F(UpsLink, IdentityWithALineBreakAddsNoKey)
-{
-    start({"--cap-speeds", "9600", "--outlets", "0", "--model", "SimUPS\\r\\nAppTermCommand1=echo injected"});
-    if (HasFatalFailure())
-        return;
-    std::vector<std::string> keys;
-    for (const std::string& l : readLines(home + "Kestrava.ini"))
-        keys.push_back(l.substr(0, l.find('=')));
-    EXPECT_EQ(std::vector<std::string>({"UPSController", "DeviceName", "UPSFirmWare", "UPSSerial", "ModelName",
-                                        "WinkTime1", "AppTermCommand1", "Path", "DumpLogRate", "DumpLogDays",
-                                        "CuiPort", "IPAddress", "CtrlPort1", "MemberPort", "AccessCode1"}),
-              keys);
-    EXPECT_NE(std::string::npos, readFile(home + "Kestrava.ini").find("\nAppTermCommand1=true\n"));
     EXPECT_TRUE(pidAlive(daemonPid));
 }
 

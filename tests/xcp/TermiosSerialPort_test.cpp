@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <utility>
 
 #include "xcp/TermiosSerialPort.h"
 
@@ -46,10 +47,15 @@ TEST(TermiosSerialPortTest, RawLineOnAPseudoTerminal)
     EXPECT_EQ(0u, t.c_oflag | t.c_lflag);
     EXPECT_EQ(static_cast<tcflag_t>(CS8 | CREAD | CLOCAL), t.c_cflag & (CSIZE | CREAD | CLOCAL | PARENB | CSTOPB | CRTSCTS));
     EXPECT_EQ(0, t.c_cc[VMIN] + t.c_cc[VTIME]);
-    ASSERT_TRUE(port.setSpeed(4800));
-    ASSERT_EQ(0, tcgetattr(fd, &t));
-    EXPECT_EQ(B4800, cfgetospeed(&t));
-    EXPECT_EQ(4800, port.getSpeed());
+    // The rates the UPS link hunts and steps up to reach the line.
+    const std::pair<int, speed_t> rates[] = {{300, B300},   {600, B600},   {1200, B1200},  {2400, B2400},
+                                             {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400}};
+    for (const auto& rate : rates) {
+        ASSERT_TRUE(port.setSpeed(rate.first));
+        ASSERT_EQ(0, tcgetattr(fd, &t));
+        EXPECT_EQ(rate.second, cfgetospeed(&t)) << rate.first;
+        EXPECT_EQ(rate.first, port.getSpeed());
+    }
     port.setSpeed(57600);  // unknown rate: hang-up
     EXPECT_EQ(0, port.getSpeed());
     port.setSpeed(9600);

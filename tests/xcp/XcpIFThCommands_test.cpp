@@ -10,6 +10,7 @@
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/XcpLinkRig.h"
+#include "tests/fakes/XcpUpsScript.h"
 
 namespace {
 using P = ScriptedSerialPort;
@@ -18,23 +19,19 @@ class XcpCommandTest : public ::testing::Test, public XcpLinkRig {
 protected:
     void SetUp() override
     {
-        config.reset(new FileMap());
-        config->setConf("DeviceName", "/dev/ttyS9");
+        wire();
         config->setConf("ShutdownDelay1", "120");
         config->setConf("AppTermTimeOut1", "180");
-        wire();
         ctrl->setShutdownTiming(0);
         ASSERT_EQ(1, link->portOpen());
-        for (unsigned char code : {0x89, 0x8A, 0x93, 0x97, 0x98})
-            port.standingReply(code, P::actionReply(code));
+        XcpUpsScript().install(port);
     }
     // Sets the supported commands as a command list reply would.
     void listCommands(std::vector<int> codes)
     {
-        std::string list = P::bytes({static_cast<int>(codes.size()), 1});
-        for (int c : codes)
-            list.push_back(static_cast<char>(c));
-        port.queueReply(0x40, P::reply(0x10, list));
+        XcpUpsScript ups;
+        ups.commands = codes;
+        port.queueReply(0x40, P::reply(0x10, ups.commandList()));
         ASSERT_EQ(0, link->commandListBlockRequest());
         port.writes.clear();
     }
@@ -76,7 +73,8 @@ TEST_F(XcpCommandTest, FramesCarryTheirArgumentsAfterAuthentication)
     link->setMaxCommandLength(16);
     EXPECT_EQ(0, link->setScheduledUPSOnOff(1));
     EXPECT_EQ("AB 04 93 00 00 01", body(port.framesWithCode(0x93).at(0)));
-    // The speed change: XcpIFThDetect_test (switch without an answer) and UpsLink_test (its frame).
+    EXPECT_EQ(0, link->setCommunicationParameter(19200));  // switching without an answer: XcpIFThDetect_test
+    EXPECT_EQ("AB 05 98 00 01 00 4B", body(port.framesWithCode(0x98).at(0)));
 }
 
 TEST_F(XcpCommandTest, RepliesMustEchoAndUnlistedCommandsAreSkipped)

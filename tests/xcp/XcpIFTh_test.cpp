@@ -14,12 +14,7 @@ using P = ScriptedSerialPort;
 
 class XcpLinkTest : public ::testing::Test, public XcpLinkRig {
 protected:
-    void SetUp() override
-    {
-        config.reset(new FileMap());
-        config->setConf("DeviceName", "/dev/ttyS9");
-        wire();
-    }
+    void SetUp() override { wire(); }
     // Opens the port if needed and sends one request; the exchange's result.
     int exchange(unsigned char code, std::string* reply)
     {
@@ -59,7 +54,6 @@ TEST_F(XcpLinkTest, PortOpenSetsUpTheConfiguredDevice)
 
     EXPECT_EQ(1, link->portOpen());
     EXPECT_EQ(std::vector<std::string>{"/dev/ttyS9"}, port.openedPaths);
-    EXPECT_EQ(7, link->portDescriptor());
     EXPECT_TRUE(port.rts);
     link->portClose();  // lowers RTS, keeps the descriptor value
     EXPECT_FALSE(port.rts);
@@ -107,18 +101,16 @@ TEST_F(XcpLinkTest, RepliesAreCheckedFrameByFrame)
     EXPECT_EQ("abcdef", reply);
     EXPECT_EQ(1u, link->commandBuffer().size());
 
-    port.queueReply(0x34, P::frame(4, 0x01, "ab") + P::frame(4, 0x03, "cd"));
-    EXPECT_EQ(8, exchange(0x34, &reply));
-    port.queueReply(0x34, P::frame(4, 0x01, "ab"));  // a lone frame must carry 0x81
-    EXPECT_EQ(4, exchange(0x34, &reply));
-    port.queueReply(0x34, "\x01" + P::reply(4, "ab"));  // no start byte first
-    EXPECT_EQ(4, exchange(0x34, &reply));
-    port.queueReply(0x34, P::reply(5, "ab"));
-    EXPECT_EQ(5, exchange(0x34, &reply));
-    std::string bad = P::reply(4, "ab");
-    bad.back() = static_cast<char>(bad.back() + 1);
-    port.queueReply(0x34, bad);
-    EXPECT_EQ(7, exchange(0x34, &reply));
+    // Sequence gap, a lone frame without 0x81, no start byte first, wrong block, bad checksum.
+    std::string badSum = P::reply(4, "ab");
+    badSum.back() = static_cast<char>(badSum.back() + 1);
+    const std::pair<std::string, int> bad[] = {{P::frame(4, 0x01, "ab") + P::frame(4, 0x03, "cd"), 8},
+                                               {P::frame(4, 0x01, "ab"), 4}, {"\x01" + P::reply(4, "ab"), 4},
+                                               {P::reply(5, "ab"), 5}, {badSum, 7}};
+    for (const auto& b : bad) {
+        port.queueReply(0x34, b.first);
+        EXPECT_EQ(b.second, exchange(0x34, &reply)) << P::hex(b.first);
+    }
 
     // Empty data and a checksum of 0 are not errors:
     // 0xAB + 3 + 2 + 0x81 + 0x01 + x = 0 mod 256 -> x = 0xCE.

@@ -1,8 +1,7 @@
 // Tests of the simulated UPS: frame reassembly, the blocks as the daemon's own
-// parsers read them, the action commands and the options. The program itself
+// parsers read them and the action commands. The program itself
 // (pseudo-terminal, runtime commands, faults, hang-up, clean end on SIGTERM)
 // is driven by the integration tests through DaemonSandbox.
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,17 +18,13 @@ using namespace upssim;
 
 namespace {
 
-bool parseArgs(std::vector<std::string> args, SimOptions* o, std::string* error) {
+SimOptions optionsFrom(std::vector<std::string> args) {
     std::vector<char*> argv;
     args.insert(args.begin(), "kestrava-upssim");
     for (std::string& a : args) argv.push_back(&a[0]);
-    return SimOptions::parse(static_cast<int>(argv.size()), argv.data(), o, error);
-}
-
-SimOptions optionsFrom(const std::vector<std::string>& args) {
     SimOptions o;
     std::string error;
-    EXPECT_TRUE(parseArgs(args, &o, &error)) << error;
+    EXPECT_TRUE(SimOptions::parse(static_cast<int>(argv.size()), argv.data(), &o, &error)) << error;
     return o;
 }
 
@@ -87,6 +82,7 @@ TEST(UpsModel, BlocksParseAsTheDaemonReadsThem) {
     d.setConfigBlock(text(ask(m, 0x36).data));
     d.setExtendedLimitsBlock(text(ask(m, 0x3C).data));
     EXPECT_EQ("Test UPS", d.getUnitName());
+    EXPECT_EQ("A\r\nB=\\x", optionsFrom({"--model", "A\\r\\nB=\\\\x"}).model);  // the line break UpsLink_test plays
     EXPECT_EQ("SN1234", d.getSerielNo());
     EXPECT_EQ("3.0A(230-KS)", d.getFirmware());
     EXPECT_EQ(1500, d.rating());
@@ -108,15 +104,12 @@ TEST(UpsModel, BlocksParseAsTheDaemonReadsThem) {
     d.setMeters(text(ask(m, 0x34).data));
     EXPECT_EQ(4600, d.meterValue(33));  // battery low pulls the battery voltage down
 
-    // Capabilities and the step-up: end to end in UpsLink_test.
     UpsModel faked(optionsFrom({"--commands", "31,33,A0", "--command-count", "10"}));
     EXPECT_EQ((Bytes{10, 1, 0x31, 0x33, 0xA0}), ask(faked, 0x40).data);
 }
 
 TEST(UpsModel, UnknownCommandsAndTheDelayedPowerOff) {
-    // The echoes and the step-up are what the daemon's detection needs: end
-    // to end in UpsLink_test. Delayed power-off: pending, off after the
-    // delay, back once utility is.
+    // Delayed power-off: pending, off after the delay, back once utility is.
     UpsModel m(optionsFrom({}));
     EXPECT_EQ(UpsModel::kNotImplemented, ask(m, 0x77).data.at(0));
     UpsModel u(optionsFrom({"--alarms", "57"}));
@@ -134,19 +127,4 @@ TEST(UpsModel, UnknownCommandsAndTheDelayedPowerOff) {
     u.setAlarm(57, false, &error);
     u.tick(400001, &notes);
     EXPECT_TRUE(u.outputOn());
-}
-
-TEST(SimOptions, ParsesAndRejects) {
-    SimOptions o = optionsFrom({"--speeds=9600,2400", "--commands", "0x31,A0", "--model", "A\\r\\nB=\\\\x"});
-    EXPECT_EQ((std::set<int>{2400, 9600}), o.speeds);
-    EXPECT_EQ((std::vector<uint8_t>{0x31, 0xA0}), o.commands);
-    EXPECT_EQ("A\r\nB=\\x", o.model);
-    const std::vector<std::vector<std::string>> bad = {
-        {"--speeds", "9601"}, {"--frame-size", "0"}, {"--serial", "12345678901234567"}, {"--firmware", "2"},
-        {"--bogus"}, {"--alarms", "58", "--supported-alarms", "1"}, {"--log"}, {"--model", "a\\q"}};
-    for (const auto& args : bad) {
-        SimOptions out;
-        std::string error;
-        EXPECT_FALSE(parseArgs(args, &out, &error)) << args[0];
-    }
 }
