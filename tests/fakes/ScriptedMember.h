@@ -107,41 +107,44 @@ public:
         }
     }
 
-    // Answers every request of the controller (replies it sends are only
-    // recorded) until message `last` was received and answered, or for
-    // `seconds`. The numbers received, in order.
-    std::vector<int> answerUntil(int last, double seconds, DG2MessageType* lastMsg = nullptr)
+    // Hands everything received within `seconds` to fn until it returns
+    // false.
+    template <class Fn>
+    void each(double seconds, Fn fn)
     {
-        std::vector<int> seen;
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
         DG2MessageType m;
         for (;;) {
             const double left = std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-            if (left <= 0 || !receive(&m, left))
-                return seen;
+            if (left <= 0 || !receive(&m, left) || !fn(m))
+                return;
+        }
+    }
+
+    // Answers every request of the controller (replies it sends are only
+    // recorded) until message `last` was received and answered, or for
+    // `seconds`. The numbers received, in order.
+    std::vector<int> answerUntil(int last, double seconds)
+    {
+        std::vector<int> seen;
+        each(seconds, [&](const DG2MessageType& m) {
             seen.push_back(m.msgNo);
             if (m.result == DG2::kResultRequest)
                 send(replyTo(m));
-            if (m.msgNo == last) {
-                if (lastMsg)
-                    *lastMsg = m;
-                return seen;
-            }
-        }
+            return m.msgNo != last;
+        });
+        return seen;
     }
 
     // Everything received within `seconds`, unanswered.
     std::vector<DG2MessageType> collect(double seconds)
     {
         std::vector<DG2MessageType> all;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        DG2MessageType m;
-        for (;;) {
-            const double left = std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-            if (left <= 0 || !receive(&m, left))
-                return all;
+        each(seconds, [&](const DG2MessageType& m) {
             all.push_back(m);
-        }
+            return true;
+        });
+        return all;
     }
 
     int dropped() const { return mDropped; }
