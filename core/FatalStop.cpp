@@ -2,9 +2,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 struct State {
@@ -13,6 +16,8 @@ struct State {
     bool requested = false;
     int status = 0;
     std::string reason;
+    // Made once, before any request can be made (the first call of state()).
+    int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 };
 
 State& state()
@@ -32,7 +37,14 @@ void FatalStop::request(int status, const char* why)
     s.status = status;
     s.reason = why ? why : "";
     s.woken.notify_all();
+    if (s.fd >= 0) {
+        const uint64_t one = 1;
+        ssize_t n = write(s.fd, &one, sizeof one);
+        (void)n;
+    }
 }
+
+int FatalStop::descriptor() { return state().fd; }
 
 int FatalStop::wait()
 {
@@ -77,4 +89,7 @@ void FatalStop::resetForTests()
     s.requested = false;
     s.status = 0;
     s.reason.clear();
+    uint64_t count;
+    while (s.fd >= 0 && read(s.fd, &count, sizeof count) > 0) {
+    }
 }

@@ -11,6 +11,11 @@ public:
     // Safe from any thread; never blocks.
     static void request(int status, const char* why);
 
+    // A descriptor that is readable once a request was made, for a main
+    // thread that waits in poll() on it and on other descriptors; -1 when it
+    // could not be made (then only wait()/waitFor() see requests).
+    static int descriptor();
+
     // Blocks until a request arrives and returns its exit status.
     static int wait();
     // Blocks until a request arrives or `seconds` pass; true on a request.

@@ -1,6 +1,5 @@
 #include "daemon/Signals.h"
 
-#include <atomic>
 #include <cstdio>
 #include <csignal>
 #include <cstdint>
@@ -8,6 +7,7 @@
 #include <cstring>
 #include <pthread.h>
 #include <string>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "config/FileMap.h"
@@ -23,32 +23,32 @@ namespace {
 const unsigned kStopGraceSeconds = 5;
 } // namespace
 
+namespace {
+int gSignalFd = -1;
+} // namespace
+
 int NS_SigHandle()
 {
     sigset_t set;
-    if (sigemptyset(&set) != 0 || sigaddset(&set, SIGTERM) != 0 || sigaddset(&set, SIGKILL) != 0)
+    if (sigemptyset(&set) != 0 || sigaddset(&set, SIGTERM) != 0)
         return 1;
-    if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0)
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0)
         return 1;
+    gSignalFd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    return gSignalFd >= 0 ? 0 : 1;
+}
 
-    struct sigaction act;
-    memset(&act, 0, sizeof act);
-    act.sa_handler = NS_TermHandler;
-    sigemptyset(&act.sa_mask);
-    act.sa_flags = 0;
-    if (sigaction(SIGTERM, &act, nullptr) != 0)
-        return 1;
-    return 0;
+int NS_SignalDescriptor() { return gSignalFd; }
+
+bool NS_TakeSignal()
+{
+    signalfd_siginfo info;
+    return gSignalFd >= 0 && read(gSignalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info) &&
+           info.ssi_signo == SIGTERM;
 }
 
 void NS_TermHandler(int)
 {
-    // Set once; a second signal (delivered to another thread while this one
-    // waits) finds it set and does nothing.
-    static std::atomic<uint8_t> end_flg(0);
-    if (end_flg.exchange(1) != 0)
-        return;
-
     if (gpMapConfig && gpMapConfig->getConf("UPSController") != "2") {
         std::string base = StartUp::deviceBaseName(gpMapConfig->getConf("DeviceName"));
         unlink(SystemPaths::lockFile(base).c_str());

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <new>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -85,6 +86,19 @@ void start(tthread& thread)
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (started == false)
         endInOrder(1, "cannot start a worker thread");
+}
+
+// The main thread's wait: up to timeoutMs (-1: no limit) for a fatal stop
+// request or the termination signal. The signal runs the stop sequence
+// (which never returns); true on a fatal stop request.
+bool waitForStop(int timeoutMs)
+{
+    pollfd fds[2] = {{FatalStop::descriptor(), POLLIN, 0}, {NS_SignalDescriptor(), POLLIN, 0}};
+    if (fds[0].fd < 0) // no descriptor: the request is still seen, once a second
+        return timeoutMs < 0 ? FatalStop::waitFor(1) : FatalStop::waitFor((timeoutMs + 999) / 1000);
+    if (::poll(fds, 2, timeoutMs) > 0 && (fds[1].revents & POLLIN) && NS_TakeSignal())
+        NS_TermHandler(SIGTERM);
+    return FatalStop::requested();
 }
 
 int confNum(FileMap* map, const std::string& key)
@@ -243,7 +257,8 @@ void StartUp::daemonise()
         if (null != STDOUT_FILENO)
             close(null);
     }
-    NS_SigHandle();
+    if (NS_SigHandle() != 0)
+        failStartUp("cannot take the termination signal");
 }
 
 // The controller list, the timing last received from the controller and the
@@ -296,7 +311,7 @@ void StartUp::startNetwork()
         // The network side of a controller waits until the UPS has been
         // reached, checking once a second; a fatal stop meanwhile ends the wait.
         while (gCStCtrl.GetStateUPS() != UpsCommunicating) {
-            if (FatalStop::waitFor(1))
+            if (waitForStop(1000))
                 return;
         }
         start(gIpcCTrlCThread);
@@ -325,6 +340,7 @@ void StartUp::startNetwork()
 // (the termination signal ends the process on its own path).
 void StartUp::waitAndStop()
 {
-    int status = FatalStop::wait();
-    endInOrder(status, FatalStop::reason());
+    while (!waitForStop(-1)) {
+    }
+    endInOrder(FatalStop::status(), FatalStop::reason());
 }
