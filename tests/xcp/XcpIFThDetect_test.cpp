@@ -67,7 +67,7 @@ TEST_F(XcpDetectTest, PlugAndPlay)
     EXPECT_EQ("Test UPS 1500", ups->getUnitName());
     EXPECT_EQ(Codes{0xA0}, port.codesWritten());  // identified without hunting
 
-    // Protocol 2: a failed 0xA0 falls back to the old request; without the "2" it stands.
+    // Protocol 2: a failed 0xA0 falls back to the old request; protocol 1 stands.
     forget();
     port.pnpText = pnpText("XCP2,KESTRAVA");
     port.queueReply(0xA0, "garbage");
