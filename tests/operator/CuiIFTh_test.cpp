@@ -195,7 +195,6 @@ TEST_F(CuiIFThTest, KeysThatRunProgramsOrNameFilesAreRefusedUnlessTheOperatorOpt
     EXPECT_EQ(ask(fd, unterminatedKey), 129);
     EXPECT_EQ(ask(fd, unterminatedValue), 129);
     EXPECT_EQ(ask(fd, 10, "GroupName", "a\nPath=/"), 129);
-    EXPECT_EQ(ask(fd, 10, "Group\rName", "a"), 129);
     EXPECT_EQ(ask(fd, 10, "", "a"), 129);
     EXPECT_EQ(readFile(ini), before);
     EXPECT_EQ(config.getConf("AppTermCommand1"), "/bin/true");
