@@ -310,7 +310,7 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
     }
 }
 
-TEST_F(Rules, HugeTimingValuesAreBoundedAndStillCountDown)
+TEST_F(Rules, HugeTimingValuesAreBoundedWithALogLine)
 {
     controller();
     cfg.setConf("WinkTime1", "99999999999");
