@@ -1,6 +1,5 @@
-// The power thread: host shutdown command, detached termination commands
-// (never waited for, never left as zombies), the 3001 launch report and the
-// schedule relay 306 -> 6010.
+// The power thread: host shutdown, detached termination commands (never
+// waited for, never left as zombies), their reports and the schedule relay.
 #include <gtest/gtest.h>
 
 #include <chrono>

@@ -117,8 +117,7 @@ TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
     EXPECT_EQ(describe(ev), "0:EvTimerStart(100):12,1000300,0,8");
 
     ctrl.StartShutdown(0, 1);
-    for (int code : {LogCountdownMinute, LogCountdownLast, LogCountdownCancelled, LogScheduleWarning,
-                     LogScheduleCancelled, LogShutdownStarted, LogDaemonStopping, LogHostShutdown}) {
+    for (int code : {LogCountdownMinute, LogScheduleWarning, LogScheduleCancelled, LogShutdownStarted, LogHostShutdown}) {
         EVENTMSGINFO rec{};
         rec.code = 4242;
         const bool refused = code < LogShutdownStarted || code == LogScheduleWarning || code == LogScheduleCancelled;

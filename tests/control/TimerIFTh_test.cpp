@@ -1,9 +1,7 @@
-// Timer list and tick: start/stop rules, clock jumps, periodic re-arming,
-// expiry reports as they reach the controller's queue, and the tick loop.
+// Timer list and tick: start/stop rules, clock jumps, periodic re-arming and
+// expiry reports as they reach the controller's queue.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -137,48 +135,4 @@ TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
     EXPECT_EQ(0, timers.runningTimers());
 }
 
-// The real tick loop, run on the test's thread with its pause replaced:
-// each pause notes whether the status check ran since the previous one
-// (seen as EvControllerInfo: the status record changes at every pause) and
-// steps the clock by one second; after 14 pauses the loop is asked to stop.
-class SteppedTimers : public TimerIFTh {
-public:
-    SteppedTimers(StCTrl* ctrl, ManualClock* clock) : TimerIFTh(ThTimerIF, ctrl, clock), mCtrl(ctrl), mClock(clock) {}
-    using TimerIFTh::thread_main;
-    std::vector<bool> checked;
-
-protected:
-    void pause() override
-    {
-        if (checked.size() >= 14) {
-            fprintf(stderr, "tick loop did not stop\n"); // a hung loop must not hang the run
-            std::_Exit(1);
-        }
-        bool sawCheck = false;
-        for (const EVENTMSGINFO& ev : drainEvents(*mCtrl))
-            sawCheck = sawCheck || ev.code == EvControllerInfo;
-        checked.push_back(sawCheck);
-        mCtrl->SetMemberContCount(static_cast<int>(checked.size()) + 1);
-        mClock->advance(1);
-        if (checked.size() == 14)
-            requestStop();
-    }
-
-private:
-    StCTrl* mCtrl;
-    ManualClock* mClock;
-};
-
-// On a member the status check reports changes (on a controller it never does).
-TEST(TimerIFThLoop, StatusCheckSkipsEveryThirdTick)
-{
-    TempConfig config("UPSController=2\n");
-    ManualClock clock(T0);
-    StCTrl ctrl(&clock, config.map());
-    SteppedTimers timers(&ctrl, &clock);
-    timers.thread_main();
-    // Two plain ticks, then the check before two of every three ticks.
-    EXPECT_EQ(timers.checked, (std::vector<bool>{false, false, true, true, false, true, true, false, true, true, false,
-                                                 true, true, false}));
-}
 } // namespace

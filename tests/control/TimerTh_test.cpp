@@ -1,5 +1,5 @@
 // Timer commands as the timer thread applies them: start, stop, stop all
-// (with the 9001 follow-up), move, and the diagnostic for unknown codes.
+// (with the 9001 follow-up) and move.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,7 +10,6 @@
 #include "control/TimerTh.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
-#include "tests/fakes/RecordingShell.h"
 #include "tests/fakes/TempConfig.h"
 
 namespace {
@@ -69,18 +68,5 @@ TEST_F(TimerThTest, StartStopMoveAndStopAllCommands)
     command(EvTimerStopAll, {1});
     EXPECT_EQ(0, timers.runningTimers());
     EXPECT_EQ(tickAt(T0), (V{"9:EvTimersStopped(803):", "11:EvTimersStopped(803):"}));
-}
-
-TEST_F(TimerThTest, UnknownCommandBroadcastsTheDiagnosticOnly)
-{
-    RecordingShell shell;
-    ScopedShell installed(&shell);
-    command(EvTimerStart, {30, T0 + 5, 0, 9});
-    command(101, {30});
-    command(0, {});
-    const std::string wall = "wall \xe9\x96\x93\xe9\x81\x95\xe3\x81\x84";
-    EXPECT_EQ(shell.runCommands(), (V{wall, wall}));
-    EXPECT_TRUE(timers.isActive(30));
-    EXPECT_EQ(0u, ctrl.queuedEvents());
 }
 } // namespace

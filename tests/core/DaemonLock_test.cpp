@@ -1,7 +1,5 @@
-// Pid file and device lock helpers. Functions that end the process on
-// failure run in forked children; the pid file and the lock directory are
-// moved into a private temporary directory before anything reads them. The
-// daemon's own start-up with these locks is tested in StartUp_test.
+// Pid file and device lock helpers, with both moved into a private directory;
+// functions that end the process on failure run in forked children.
 #include "core/DaemonLock.h"
 
 #include <gtest/gtest.h>
@@ -20,8 +18,6 @@
 namespace {
 
 // Moves the pid file and lock directory before the first SystemPaths read.
-// Forked children that end through exit() leave the directory alone: only
-// the test process itself removes it.
 struct PrivatePaths {
     TempDir tmp{"kestrava-lock-"};
     std::string dir = tmp.path();
@@ -53,24 +49,18 @@ std::string textPid(int pid)
 
 std::string binaryPid(int32_t pid) { return std::string(reinterpret_cast<const char*>(&pid), 4); }
 
-TEST(DaemonLock, ReadPidAndCheckPid)
+TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
 {
     // Never touch the machine's own /var/run or /var/lock.
     ASSERT_EQ(SystemPaths::lockDir(), gPaths.dir);
     ASSERT_EQ(SystemPaths::pidFile(), kPidFile);
-    std::string path = gPaths.dir + "/pid-probe";
-    EXPECT_EQ(read_pid(path.c_str()), 0) << "missing file";
-    writeFile(path, "  4321\nrest");
-    EXPECT_EQ(read_pid(path.c_str()), 4321);
+    std::string probe = gPaths.dir + "/pid-probe";
+    EXPECT_EQ(read_pid(probe.c_str()), 0) << "missing file";
+    writeFile(probe, "  4321\nrest");
+    EXPECT_EQ(read_pid(probe.c_str()), 4321);
+    writeFile(probe, textPid(getpid()));
+    EXPECT_EQ(check_pid(probe.c_str()), 0) << "the caller itself does not count as running";
 
-    // The caller itself does not count as running (dead and live owners:
-    // the stale pid file and the second start in StartUp_test).
-    writeFile(path, textPid(getpid()));
-    EXPECT_EQ(check_pid(path.c_str()), 0);
-}
-
-TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
-{
     // Free device: the lock holds the taker's pid, mode 0644. While the
     // taker (this process) lives, nobody else gets the device.
     std::string lock = lockPath("ttyA0");

@@ -54,17 +54,14 @@ inline pid_t deadPid()
 // True while a process with this pid exists (ours to signal or not).
 inline bool pidAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
 
-// What a child run by runChild did: its exit status (-1 when it did not
-// exit normally in time) and what it wrote on standard output and error.
+// A child's exit status (-1: not a normal exit in time) and its output.
 struct ChildRun {
     int status = -1;
     std::string out, err;
 };
 
-// Runs fn in a forked child whose standard output and error go to files in
-// `scratch`, and waits at most `seconds` for it (it is killed after that).
-// The child ends with status 0 when fn returns (unflushed stdio output is
-// lost then).
+// Runs fn in a forked child (output to files in `scratch`), killed after
+// `seconds`; it ends with status 0 when fn returns (unflushed stdio is lost).
 template <typename Fn>
 ChildRun runChild(const std::string& scratch, Fn fn, int seconds = 20)
 {

@@ -1,9 +1,6 @@
-// DaemonSandbox: the real daemon and the UPS simulator in a home directory
-// of their own, with a recording shutdown script, a fake `wall` first in
-// PATH, and the pid file and lock directory moved inside through the
-// KESTRAVA_* overrides. The simulator serves "<home>ups" and takes runtime
-// commands; finish() ends both by pid with bounded waits and keeps the home
-// (named on standard error) when the test failed.
+// DaemonSandbox: the real daemon and the UPS simulator (serving "<home>ups")
+// in a home of their own, with every system path and `wall` moved inside.
+// finish() ends both by pid with bounded waits; a failed test keeps the home.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,13 +21,12 @@
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/TempDir.h"
 
-// One line of the simulator's frame log: the kind ("RX", "TX" or "NOTE")
-// and the text after it ("AB 01 35 1F", "AB 01 35 1F (ignored: silent)",
-// "line speed 4800: answering").
+// One line of the simulator's frame log: "RX", "TX" or "NOTE", and the text
+// after it ("AB 01 35 1F", "AB 01 35 1F (ignored: silent)").
 struct FrameLine {
     std::string kind;
     std::string text;
-    // A received frame the simulator took (answered, or taken without an answer like the authentication).
+    // A received frame the simulator took (answered or not).
     bool taken() const { return kind == "RX" && text.find('(') == std::string::npos; }
     // Command code of a received frame ("35").
     std::string code() const { return kind == "RX" && text.size() >= 8 ? text.substr(6, 2) : std::string(); }
@@ -51,10 +47,9 @@ public:
         return ::waitFor(cond, seconds, mPollMs);
     }
 
-    // The simulator with `simOptions`, and the daemon as a controller on it
-    // with a Kestrava.ini of the controller keys, `ini` and the home keys.
-    // Waits until the daemon polls. The shutdown command records its runs
-    // (`date +%s.%N`) in "shutdown-runs", the fake `wall` in "wall.txt".
+    // The simulator, and the daemon as a controller on it with `ini` added;
+    // waits until the daemon polls. The shutdown command records its runs in
+    // "shutdown-runs", the fake `wall` in "wall.txt".
     void startController(const std::vector<std::string>& simOptions, const std::string& ini)
     {
         ASSERT_TRUE(mDir.made());
@@ -72,7 +67,6 @@ public:
         simOut = out[0];
         ASSERT_EQ(home + "ups", readSimLine()) << "the simulator printed no device path";
 
-        // This home as the path, no meter log, the ports on the loopback.
         const int port = 20000 + (getpid() % 10000) * 3;
         ctrlPort = port + 1;
         writeFile(home + "Kestrava.ini",
@@ -85,7 +79,6 @@ public:
         writeFile(home + "bin/wall", "#!/bin/sh\necho \"$*\" >> " + home + "wall.txt\nexit 0\n", 0755);
         ASSERT_EQ(symlink(KESTRAVA_BINARY_DIR "/kestrava", (home + "kestrava").c_str()), 0);
 
-        // The started process detaches; the daemon lives on under the pid in the pid file.
         const char* path = getenv("PATH");
         pid_t starter = spawn({home + "kestrava"}, -1, -1,
                               {"KESTRAVA_PID_FILE=" + home + "Kestrava.pid", "KESTRAVA_LOCK_DIR=" + home + "lock",
@@ -139,8 +132,8 @@ public:
                readSimLine().rfind("ok", 0) == 0;
     }
 
-    // Ends the daemon (termination signal, the kill signal after 15 s) and
-    // the simulator, which must end with status 0 and take its link away.
+    // Ends the daemon (killed after 15 s) and the simulator, which must end
+    // with status 0 and take its link away.
     void finish(bool keep)
     {
         if (daemonPid > 0) {

@@ -1,6 +1,5 @@
-// EventRecords: event records for tests of the controller core and the
-// threads it feeds, and their texts "to:EvName(code):p0,p1,..." (and
-// "NtName(code):p0,..." for notifications) for compact comparisons.
+// EventRecords: event records and their texts "to:EvName(code):p0,p1,..."
+// ("NtName(code):p0,..." for notifications) for compact comparisons.
 #pragma once
 
 #include <string>

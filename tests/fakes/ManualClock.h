@@ -1,6 +1,5 @@
-// ManualClock: a clock that tests set and step by hand, to simulate time
-// passing and clock jumps without touching the machine's clock. utc() gives
-// the time of a calendar date and time of day in UTC, to set it with.
+// ManualClock: a clock tests set and step by hand; utc() gives the time of a
+// UTC calendar date to set it with.
 #pragma once
 
 #include <atomic>

@@ -1,9 +1,6 @@
-// ScriptedSerialPort: a serial line that plays a UPS from a script. It keeps
-// its own virtual time, moved only by its sleeper (sleeper()), so the UPS
-// link's fixed pauses cost nothing; reply bytes arrive "as time passes".
-// Replies are scripted per command code (once or standing), DSR can follow
-// DTR with a plug-and-play text sent on every DTR rise, and every write is
-// recorded with the speed it was written at.
+// ScriptedSerialPort: a serial line that plays a UPS from a script, on a
+// virtual time moved only by its sleeper(), so the link's pauses cost nothing.
+// Replies are scripted per command code; every write is recorded with its speed.
 #pragma once
 
 #include <cstdio>
@@ -26,7 +23,6 @@ public:
         int gapMs = 50;
     };
 
-    // ---- script ----
     int openResult = 7;          // what open() gives (-1: fails)
     bool rawFails = false;
     bool readFails = false;      // read() returns -1
@@ -44,13 +40,8 @@ public:
     void queueReply(unsigned char code, const Reply& r) { mOnce[code].push_back(r); }
     // Answer every frame with this command code (after the queued ones).
     void standingReply(unsigned char code, const std::string& bytes) { mStanding[code] = Reply{bytes}; }
-    void clearReplies()
-    {
-        mOnce.clear();
-        mStanding.clear();
-    }
+    void clearReplies() { mOnce.clear(), mStanding.clear(); }
 
-    // ---- what happened ----
     std::vector<std::string> writes;  // every write, as given
     std::vector<int> writeSpeeds;     // the speed set at each write
     std::vector<std::string> openedPaths;
@@ -76,7 +67,6 @@ public:
     }
     Sleeper& sleeper() { return *this; }
 
-    // ---- frame helpers ----
     static std::string bytes(std::initializer_list<int> list)
     {
         std::string s;
@@ -108,7 +98,6 @@ public:
         return out;
     }
 
-    // ---- SerialPort ----
     int open(const std::string& path) override
     {
         openedPaths.push_back(path);
@@ -119,11 +108,7 @@ public:
     void close() override { mOpen = false; }
     bool isOpen() const override { return mOpen; }
     bool makeRaw() override { return !rawFails; }
-    bool setSpeed(int rate) override
-    {
-        mSpeed = rate;
-        return true;
-    }
+    bool setSpeed(int rate) override { return (mSpeed = rate) >= 0; }
     int getSpeed() const override { return mSpeed; }
     int read(unsigned char* buf, int max) override
     {
@@ -161,11 +146,7 @@ public:
         while (!mIncoming.empty() && mIncoming.begin()->first <= mNow)
             mIncoming.erase(mIncoming.begin());
     }
-    bool setRTS(bool on) override
-    {
-        rts = on;
-        return true;
-    }
+    bool setRTS(bool on) override { return (rts = on) || true; }
     bool setDTR(bool on) override
     {
         if (on && !mDtr && !pnpText.empty())

@@ -1,6 +1,5 @@
-// TempConfig: a configuration of a test's own: "Kestrava.ini" holding the
-// given text in a fresh temporary directory (removed afterwards), and the
-// FileMap loaded from it, for a local controller core.
+// TempConfig: a "Kestrava.ini" with the given text in a temporary directory,
+// and the FileMap loaded from it.
 #pragma once
 
 #include <memory>

@@ -1,8 +1,5 @@
-// TempDir: a private temporary directory for a test, removed with all it
-// holds when the object goes (only by the process that made it, so a forked
-// child ending through exit() leaves it alone), or kept for a look after a
-// failure. Also the plain file helpers tests use to set up files and read
-// them back: readFile, readLines, writeFile.
+// TempDir: a private temporary directory, removed when the object goes (only
+// by the process that made it) unless kept; and the plain file helpers.
 #pragma once
 
 #include <cstdlib>

@@ -1,9 +1,6 @@
-// XcpLinkRig: the UPS link under test (XcpIFTh), wired as the daemon wires
-// it but to a scripted serial port: a manual clock, the configuration map,
-// the UPS data block, a local controller core and the XCP event thread. A
-// test fixture derives from it, fills `config` (or leaves it to wire(): an
-// empty map naming "/dev/ttyS9") and calls wire(); it then drives `link`
-// and checks `port`, `ups` and the events `ctrl` queued.
+// XcpLinkRig: the UPS link wired as the daemon wires it, but to a scripted
+// serial port. A fixture fills `config` (or leaves an empty map naming
+// "/dev/ttyS9"), calls wire(), then drives `link` and checks `port` and `ctrl`.
 #pragma once
 
 #include <memory>

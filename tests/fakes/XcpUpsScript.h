@@ -1,8 +1,6 @@
-// XcpUpsScript: the blocks of a small, well-behaved XCP UPS for scripted
-// serial ports: identification ("Test UPS 1500", firmware 2.15, 1500 VA, six
-// summary meters, alarms 56, 57 and 59), configuration (serial "SN-0042"),
-// limits ("KS"), topology, two outlets, command list and capabilities, and
-// the accepted action replies. install() makes a port answer with them.
+// XcpUpsScript: the blocks of a small, well-behaved UPS ("Test UPS 1500",
+// firmware 2.15, serial "SN-0042", alarms 56, 57 and 59, two outlets) and
+// its accepted action replies; install() makes a scripted port answer with them.
 #pragma once
 
 #include <set>

@@ -1,5 +1,4 @@
-// Tests of the daily meter log: lines, the no-data line and the deletion of
-// expired files, in a private temporary directory, in UTC.
+// The daily meter log: lines, the no-data line and expired files, in UTC.
 #include "log/MeterLog.h"
 
 #include <gtest/gtest.h>
@@ -114,15 +113,6 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
     EXPECT_EQ(files(), (std::set<std::string>{"20261107.vlg", "20261114.vlg", "202611.log", "202610.log", "notes.txt",
                                               "20200101_dir"}));
 
-    // Without a retention every file dated before today goes.
-    writeFile(logDir + "20261113.vlg", "x\n");
-    config.setConf("DumpLogDays", "");
-    EXPECT_EQ(meter.deleteExpired(logDir, ManualClock::utc(2026, 11, 14, 0, 0, 0)), 2);
-    EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg", "202611.log", "202610.log", "notes.txt",
-                                              "20200101_dir"}));
-
-    // An unreadable directory deletes nothing.
-    EXPECT_EQ(meter.deleteExpired(dir + "/nothing/", ManualClock::utc(2026, 11, 14, 0, 0, 0)), 0);
 
     // Without an absolute "Path" nothing is deleted, wherever the sweep runs.
     writeFile(logDir + "20261001.vlg", "x\n");

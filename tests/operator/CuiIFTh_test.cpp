@@ -1,6 +1,5 @@
-// Tests of the console interface thread on a loopback port, with a local
-// controller core and a configuration file in a private directory, and of
-// the console client kestrava-console run as a process against it.
+// The console interface thread on a loopback port, and the console client
+// run as a process against it.
 #include "operator/CuiIFTh.h"
 
 #include <gtest/gtest.h>
@@ -161,8 +160,6 @@ TEST_F(CuiIFThTest, SetConfigurationKeySavesAnswersThenNotifies)
     ChildRun r = runProgram(tmp.path(), {kConsole, "--config", ini, "set", "GroupName", "k"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "kestrava-console: GroupName set to k\n");
-    r = runProgram(tmp.path(), {kConsole, "--port", std::to_string(port), "ping"});
-    EXPECT_EQ(r.out, "kestrava-console: daemon answered\n");
 }
 
 TEST_F(CuiIFThTest, UnknownCommandIsIgnoredAndAShortRequestEndsOnlyItsConnection)
@@ -198,7 +195,6 @@ TEST_F(CuiIFThTest, KeysThatRunProgramsOrNameFilesAreRefusedUnlessTheOperatorOpt
     EXPECT_EQ(ask(fd, unterminatedKey), 129);
     EXPECT_EQ(ask(fd, unterminatedValue), 129);
     EXPECT_EQ(ask(fd, 10, "GroupName", "a\nPath=/"), 129);
-    EXPECT_EQ(ask(fd, 10, "Group\rName", "a"), 129);
     EXPECT_EQ(ask(fd, 10, "", "a"), 129);
     EXPECT_EQ(readFile(ini), before);
     EXPECT_EQ(config.getConf("AppTermCommand1"), "/bin/true");
@@ -255,22 +251,15 @@ TEST_F(CuiIFThTest, ListensOnLoopbackByDefaultClosesIdleConnectionsAndHandsAccep
     EXPECT_EQ(FatalStop::status(), 1);
 }
 
-TEST_F(CuiIFThTest, ConsoleClientFailsClearlyWithoutADaemonOrAnswer)
+TEST_F(CuiIFThTest, ConsoleClientGivesUpOnASilentPort)
 {
-    const std::string dir = tmp.path();
-    int other = freePort(); // a port other than the console thread's
-    ChildRun r = runProgram(dir, {kConsole, "--port", std::to_string(other), "ping"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("no daemon listens on 127.0.0.1 port " + std::to_string(other)), std::string::npos) << r.err;
-
-    // Something listens but never answers.
     int fd = -1;
-    other = freePort(&fd);
-    r = runProgram(dir, {kConsole, "--timeout", "1", "--port", std::to_string(other), "set", "A", "b"});
+    int other = freePort(&fd); // listens but never answers
+    ChildRun r = runProgram(tmp.path(), {kConsole, "--timeout", "1", "--port", std::to_string(other), "set", "A", "b"});
     close(fd);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
-    EXPECT_EQ(runProgram(dir, {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
+    EXPECT_EQ(runProgram(tmp.path(), {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
 }
 
 } // namespace

@@ -1,6 +1,4 @@
-// Tests of the interface address listing in a private network namespace
-// (made in a child process, gone with it) with only the loopback or with
-// known extra addresses.
+// The interface address listing in a child's private network namespace.
 #include "operator/NetworkAddresses.h"
 
 #include <gtest/gtest.h>
@@ -32,9 +30,8 @@ std::vector<std::pair<std::string, std::string>> addresses()
     return out;
 }
 
-// Runs `setup` (shell commands) in a fresh network namespace of a child and
-// returns the listing seen there as "address/broadcast;..."; "skip" when
-// namespaces are not available.
+// The listing after `setup` in a child's fresh network namespace, as
+// "address/broadcast;..."; "skip" without namespaces.
 std::string listingInNamespace(const char* setup)
 {
     TempDir tmp("netaddr_test.");
