@@ -1,11 +1,8 @@
-// ControllerProtocolRig: the controller-side protocol run in virtual time,
-// without its thread: a real controller core with a configuration of its
-// own, a real member table and UPS data in a temporary directory, and the
-// IpcCTrlCTh. receive() hands a datagram over as the transport does
-// (receive queue, event 600); transmit() takes what the protocol queued
-// and arms each reply time-out as the transport does (timer id, 6002);
-// expire() hands a running timer back as event 603 or 604. No socket, no
-// thread, no sleep.
+// ControllerProtocolRig: the controller-side protocol without its thread, in
+// virtual time: a real controller core, member table and UPS data in a
+// temporary directory. receive() delivers a datagram as the transport does,
+// transmit() takes what was queued and arms its time-outs as the transport
+// does, expire() hands a running timer back as its expiry event.
 #pragma once
 
 #include <cstring>
@@ -138,37 +135,19 @@ public:
         return out;
     }
 
-    bool commErrTimerRunning(int slot) const { return running.count(IpcCTrlTh::CommErrTimerId(slot)) != 0; }
     // Seconds from now to the expiry of a member's communication-error timer (-1: not running).
     int commErrTimerLeft(int slot)
     {
-        auto it = expiry.find(IpcCTrlTh::CommErrTimerId(slot));
-        return it == expiry.end() || !commErrTimerRunning(slot) ? -1 : it->second - static_cast<int>(clock.now());
+        const int id = IpcCTrlTh::CommErrTimerId(slot);
+        return running.count(id) == 0 ? -1 : expiry[id] - static_cast<int>(clock.now());
     }
-
-    DUP_MEMB_INFO member(const std::string& id)
-    {
-        std::vector<char> key(id.begin(), id.end());
-        key.push_back('\0');
-        DUP_MEMB_INFO rec;
-        table->GetMembInfo(key.data(), &rec);
-        return rec;
-    }
-    int slotOf(const std::string& id)
-    {
-        std::vector<char> key(id.begin(), id.end());
-        key.push_back('\0');
-        DUP_MEMB_INFO rec;
-        return table->GetMembInfo(key.data(), &rec);
-    }
+    DUP_MEMB_INFO member(const std::string& id) { return lookup(id).second; }
+    int slotOf(const std::string& id) { return lookup(id).first; }
 
     // A registration from a member by address (source name = its address).
-    static DG2MessageType registration(const std::string& address, int port, const std::string& memberId = "")
+    static DG2MessageType registration(const std::string& address, int port)
     {
-        DG2Address a;
-        a.memberId = memberId;
-        a.address = address;
-        a.port = port;
+        const DG2Address a{"", address, port};
         return DG2Builder(DG2::MsgRegister)
             .from(address.c_str(), DG2::KindMember)
             .to("127.0.0.1", DG2::KindController)
@@ -210,6 +189,14 @@ public:
     std::map<int, int> expiry;
 
 private:
+    std::pair<int, DUP_MEMB_INFO> lookup(const std::string& id)
+    {
+        std::vector<char> key(id.begin(), id.end());
+        key.push_back('\0');
+        DUP_MEMB_INFO rec;
+        const int slot = table->GetMembInfo(key.data(), &rec);
+        return {slot, rec};
+    }
     // Takes the core's queued events: timer starts and stops update `running`.
     void events()
     {
