@@ -170,7 +170,7 @@ TEST(IpcCTrlCThRefused, BadValuesOutOfSequenceAnswersAndForeignAddressesChangeNo
         return b.bodyBytes(64, port + std::string(6 - port.size(), '\0')).msg();
     };
     for (const DG2MessageType& m : {reg("0"), reg("30x9"), reg("65536"),
-                                    DG2Builder(DG2::MsgPowerReport).from("127.0.0.9", 17).to("127.0.0.1", 19).msg()})
+                                    Rig::fromMember(DG2::MsgPowerReport, "127.0.0.9").msg()})
         r.receive(m, "127.0.0.9", 3069);
     EXPECT_TRUE(r.sent().empty());
     EXPECT_EQ(r.slotOf("127.0.0.9"), 0);
@@ -190,8 +190,8 @@ TEST(IpcCTrlCThRefused, BadValuesOutOfSequenceAnswersAndForeignAddressesChangeNo
     EXPECT_TRUE(r.sent().empty()) << "the exchange does not resume";
 
     // Member information 230 may only name the address it comes from.
-    DG2MessageType info = DG2Builder(DG2::MsgMemberInfo230).from("127.0.0.5", 17).to("127.0.0.1", 19)
-                              .bodyBytes(0, "127.0.0.5").bodyBytes(32, "127.0.0.66").msg();
+    DG2MessageType info = Rig::fromMember(DG2::MsgMemberInfo230, "127.0.0.5").bodyBytes(0, "127.0.0.5")
+                              .bodyBytes(32, "127.0.0.66").msg();
     r.receive(info, "127.0.0.9", 3069);
     EXPECT_EQ(DG2FieldText(r.member("127.0.0.5").address, 32), "127.0.0.5");
     r.receive(info, "127.0.0.66", 3069);
@@ -206,9 +206,8 @@ TEST(IpcCTrlCThLeave, ApplicationEndDeactivatesAndUninstallFromTheMemberItselfFo
     r.expire(IpcCTrlTh::CommErrTimerId(slot));
     EXPECT_EQ(r.member("127.0.0.5").status, MembCommFail);
     runExchange(r, Rig::registration("127.0.0.5", 3069), "127.0.0.5", "127.0.0.5");
-    r.receive(DG2Builder(DG2::MsgAppEnd).from("127.0.0.5", 17).to("127.0.0.1", 19)
-                  .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(),
-              "127.0.0.5", 3069);
+    r.receive(Rig::fromMember(DG2::MsgAppEnd, "127.0.0.5")
+                  .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(), "127.0.0.5", 3069);
     EXPECT_EQ(r.member("127.0.0.5").status, MembNotActive);
     EXPECT_EQ(r.commErrTimerLeft(slot), -1);
     EXPECT_TRUE(r.sent().empty());
