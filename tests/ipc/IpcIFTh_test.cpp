@@ -81,12 +81,14 @@ struct Rig {
     Interfaces ifs;
     IpcIFTh th;
 
-    explicit Rig(const char* conf, const char* controllerList = "", Interfaces list = {})
+    // open: set up the sockets at once.
+    explicit Rig(const char* conf, const char* controllerList = "", Interfaces list = {}, bool open = true)
         : ini(conf), memcnt(controllerList), ifs(list), th(ThIpcIF, wiring())
     {
         IpcIFTh::resetClosedForTests();
         for (const auto& i : ifs)
             net.addBroadcast(i.second);
+        EXPECT_TRUE(!open || th.InitSock());
     }
     ~Rig() { IpcIFTh::resetClosedForTests(); }
     IpcIFTh::Wiring wiring()
@@ -131,7 +133,6 @@ struct Rig {
 TEST(IpcIFThReceive, AcceptedDatagramReachesItsThreadWholeDropsAreLoggedOncePerMinute)
 {
     Rig r(kController);
-    ASSERT_TRUE(r.th.InitSock());
     auto peer = r.peer("127.0.0.5", 6001);
     DG2Builder report = fromMember(DG2::MsgPowerReport);
     for (int i = 0; i < DG2::kBodyPowerReport; ++i)
@@ -164,7 +165,6 @@ TEST(IpcIFThReceive, AcceptedDatagramReachesItsThreadWholeDropsAreLoggedOncePerM
 TEST(IpcIFThReceive, MemberHandsEachDatagramToTheThreadOfItsController)
 {
     Rig r(kMember, "IPAddress1=127.0.0.2\nIPAddress2=*memb-id\nIPAddress4=other-name\n");
-    ASSERT_TRUE(r.th.InitSock());
     r.member("@ctrl-by-id", "127.0.0.7", 3069, MembActive, ThCtrlSlot2);
     auto ctrl = r.peer("127.0.0.1", 3069);
     auto ctrlById = r.peer("127.0.0.7", 3069);
@@ -191,7 +191,6 @@ TEST(IpcIFThReceive, MemberHandsEachDatagramToTheThreadOfItsController)
 TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
 {
     Rig r(kController, "", {{"127.0.0.1", "127.255.255.255"}, {"127.1.0.1", "127.1.255.255"}});
-    ASSERT_TRUE(r.th.InitSock());
     r.member("memb-a", "127.0.0.5", 6001);
     r.member("memb-b", "127.0.0.6", 6002, MembNotActive);
     r.member(" ident", "127.0.0.8", 6004);
@@ -246,7 +245,6 @@ TEST(IpcIFThSend, AfterTheCloseSendOnlyAMembersApplicationEndLeaves)
 {
     {
         Rig r("UPSController=1\nCtrlPort1=3069\nIPAddress=127.0.0.64\n");
-        ASSERT_TRUE(r.th.InitSock());
         r.member("memb-a", "127.0.0.5", 6001);
         r.member("memb-b", "127.0.0.6", 6002);
         auto a = r.peer("127.0.0.5", 6001);
@@ -260,7 +258,6 @@ TEST(IpcIFThSend, AfterTheCloseSendOnlyAMembersApplicationEndLeaves)
     for (IPC_DST_MODE mode : {IPC_DST_CLOSE, IPC_DST_REPLY}) {
         // A member's 127, closing or not, leaves and closes; later only 127.
         Rig r(kMember, "IPAddress1=127.0.0.64\n");
-        ASSERT_TRUE(r.th.InitSock());
         r.member("ctrl-1", "127.0.0.1", 3069);
         auto ctrl = r.peer("127.0.0.1", 3069);
         const DG2Builder appEnd = fromMember(DG2::MsgAppEnd, "127.0.0.64");
@@ -276,7 +273,6 @@ TEST(IpcIFThSend, AfterTheCloseSendOnlyAMembersApplicationEndLeaves)
 TEST(IpcIFThSend, ReplyToAStrangerGoesOnlyWhereItsRequestCameFrom)
 {
     Rig r(kController);
-    ASSERT_TRUE(r.th.InitSock());
     auto stranger = r.peer("127.0.0.9", 5555);
     // The uninstall exchange's header: the controller's address first.
     r.sendTo(*stranger, fromMember(DG2::MsgPresence, "127.0.0.1").to("127.0.0.9", DG2::KindControllerAlt).wire());
@@ -302,7 +298,6 @@ TEST(IpcIFThSend, ReplyToAStrangerGoesOnlyWhereItsRequestCameFrom)
 TEST(IpcIFThSilence, MemberStopsAllTimersAfter120sWithoutARegistrationRequestButNotOnAClockJump)
 {
     Rig r(kMember, "IPAddress1=127.0.0.64\n");
-    ASSERT_TRUE(r.th.InitSock());
     r.member("ctrl-1", "127.0.0.1", 3069);
     auto ctrl = r.peer("127.0.0.1", 3069);
     auto ticks = [&r](int n, int seconds) {
@@ -331,7 +326,6 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
         // A concrete address on a controller "1": a second socket on that
         // interface's broadcast address and the same port; "*": one socket.
         Rig r(kController, "", ifs);
-        ASSERT_TRUE(r.th.InitSock());
         EXPECT_EQ(r.th.mainPort(), 3069);
         auto probe = r.net.socket();
         probe->open();
@@ -340,7 +334,6 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
         r.th.end();
         EXPECT_EQ(probe->bind("127.255.255.255", 3069), UdpStatus::Ok) << "end() closed it";
         Rig any("UPSController=1\nCtrlPort1=3069\nIPAddress=*ident\n", "", ifs);
-        ASSERT_TRUE(any.th.InitSock());
         EXPECT_FALSE(any.th.broadcastOpen());
         auto peer = any.peer("127.0.0.5", 6001);
         any.sendTo(*peer, fromMember(DG2::MsgPresence).wire(), "127.0.0.3", 3069);
@@ -348,7 +341,7 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
     }
     {
         // The port is taken: retried, logged once, then on unbound.
-        Rig r(kMember, "", ifs);
+        Rig r(kMember, "", ifs, false);
         auto holder = r.peer("127.0.0.64", 3070);
         r.th.setBindRetry(3, 1, std::chrono::milliseconds(1));
         testing::internal::CaptureStderr();
@@ -363,7 +356,7 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
             using Socket::Socket;
             UdpStatus open() override { return UdpStatus::Error; }
         };
-        Rig r(kController);
+        Rig r(kController, "", {}, false);
         auto w = r.wiring();
         w.makeSocket = [&r] { return std::unique_ptr<UdpSocket>(new Unopenable(r.net)); };
         IpcIFTh th(ThIpcIF, w);
