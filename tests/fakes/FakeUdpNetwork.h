@@ -38,16 +38,13 @@ public:
         UdpStatus open() override
         {
             close();
-            mFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
-            return mFd < 0 ? fail(errno) : UdpStatus::Ok;
+            return (mFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)) < 0 ? fail(errno) : UdpStatus::Ok;
         }
         UdpStatus bind(const std::string& address, uint16_t port) override
         {
             in_addr a;
-            if (mFd < 0)
-                return fail(EBADF);
-            if (!parseBindAddress(address, a))
-                return fail(EINVAL);
+            if (mFd < 0 || !parseBindAddress(address, a))
+                return fail(mFd < 0 ? EBADF : EINVAL);
             std::string bound = a.s_addr == htonl(INADDR_ANY) ? std::string() : address;
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             for (const Socket* s : mNet.mSockets)
@@ -77,10 +74,8 @@ public:
         UdpStatus send(const void* data, size_t size, const std::string& address, uint16_t port) override
         {
             in_addr a;
-            if (mFd < 0)
-                return fail(EBADF);
-            if (!parseAddress(address, a))
-                return fail(EINVAL);
+            if (mFd < 0 || !parseAddress(address, a))
+                return fail(mFd < 0 ? EBADF : EINVAL);
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             if (mPort == 0)
                 mPort = mNet.mNextPort++;
@@ -111,7 +106,7 @@ public:
         void enqueueLocked(const Datagram& d)
         {
             mQueue.push_back(d);
-            uint64_t one = 1;
+            const uint64_t one = 1;
             (void)!::write(mFd, &one, sizeof one);
         }
 
