@@ -169,12 +169,14 @@ TEST(IpcCTrlCThRefused, BadValuesOutOfSequenceAnswersAndForeignAddressesChangeNo
         DG2Builder b(withAddress(DG2::MsgRegister, "127.0.0.9", "127.0.0.1", 19, {"", "127.0.0.9", 3069}));
         return b.bodyBytes(64, port + std::string(6 - port.size(), '\0')).msg();
     };
+    // Bad ports, an identity of another length, a power report from no member.
     for (const DG2MessageType& m : {reg("0"), reg("30x9"), reg("65536"),
+                                    withAddress(DG2::MsgRegister, " ABCD", " ABCDEF", 19, {"", "127.0.0.9", 3069}),
                                     Rig::fromMember(DG2::MsgPowerReport, "127.0.0.9").msg()})
         r.receive(m, "127.0.0.9", 3069);
     EXPECT_TRUE(r.sent().empty());
-    EXPECT_EQ(r.slotOf("127.0.0.9"), 0);
-    EXPECT_EQ(r.th->DroppedUnreported(), 3) << "one line, the rest counted";
+    EXPECT_EQ(r.slotOf("127.0.0.9") + r.slotOf(" ABCD0001"), 0);
+    EXPECT_EQ(r.th->DroppedUnreported(), 4) << "one line, the rest counted";
     r.clock.advance(IpcCTrlCTh::kDropReportInterval);
     r.receive(reg("0"), "127.0.0.9", 3069);
     EXPECT_EQ(r.th->DroppedUnreported(), 0) << "a new line after the interval";
