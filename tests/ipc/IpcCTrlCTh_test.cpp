@@ -209,12 +209,14 @@ TEST(IpcCTrlCThLeave, ApplicationEndDeactivatesAndUninstallFromTheMemberItselfFo
     EXPECT_EQ(r.member("127.0.0.5").status, MembCommFail);
     runExchange(r, Rig::registration("127.0.0.5", 3069), "127.0.0.5", "127.0.0.5");
     r.receive(Rig::fromMember(DG2::MsgAppEnd, "127.0.0.5")
-                  .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(), "127.0.0.5", 3069);
+                  .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(),
+              "127.0.0.5", 3069);
     EXPECT_EQ(r.member("127.0.0.5").status, MembNotActive);
     EXPECT_EQ(r.commErrTimerLeft(slot), -1);
     EXPECT_TRUE(r.sent().empty());
 
-    const DG2MessageType uninstall = withAddress(DG2::MsgUninstall, "127.0.0.1", "127.0.0.5", 81, {"", "127.0.0.5", 3069});
+    const DG2MessageType uninstall =
+        withAddress(DG2::MsgUninstall, "127.0.0.1", "127.0.0.5", 81, {"", "127.0.0.5", 3069});
     r.receive(uninstall, "127.0.0.5", 4444);
     std::vector<IPC_DATA_REC> out = r.transmit();
     ASSERT_EQ(out.size(), 1u);

@@ -91,7 +91,7 @@ TEST(IpcDataMembers, LoadedMembersFillSlotsInFileOrderAndFreedSlotsAreReusedLowe
     // A known ID is updated in place (0); new ones take the lowest free slot.
     char extra[] = "x";
     EXPECT_EQ(r.table.InitMember("10.0.0.9", 4100, "zeta", true, 9, SqMoved, extra), 0);
-    EXPECT_EQ((Ints{r.member(1).port, r.member(1).status}), (Ints{4100, MembNotActive})) << "an update keeps the status";
+    EXPECT_EQ((Ints{r.member(1).port, r.member(1).status}), (Ints{4100, MembNotActive})) << "the status is kept";
     for (int i = 4; i <= IpcData::kMaxMembers; ++i)
         ASSERT_EQ(r.add("m" + std::to_string(i), "10.1.0." + std::to_string(i), 5000 + i), i);
     EXPECT_EQ(r.add("one-too-many", "10.2.0.1", 6000), -1);
