@@ -1,11 +1,8 @@
-// ControllerProtocolRig: the controller-side protocol run in virtual time,
-// without its thread: a real controller core with a configuration of its
-// own, a real member table and UPS data in a temporary directory, and the
-// IpcCTrlCTh. receive() hands a datagram over as the transport does
-// (receive queue, event 600); transmit() takes what the protocol queued
-// and arms each reply time-out as the transport does (timer id, 6002);
-// expire() hands a running timer back as event 603 or 604. No socket, no
-// thread, no sleep.
+// ControllerProtocolRig: the controller-side protocol without its thread, in
+// virtual time: a real controller core, member table and UPS data in a
+// temporary directory. receive() delivers a datagram as the transport does,
+// transmit() takes what was queued and arms its time-outs as the transport
+// does, expire() hands a running timer back as its expiry event.
 #pragma once
 
 #include <cstring>
@@ -21,6 +18,7 @@
 #include "ipc/IpcCTrlCTh.h"
 #include "ipc/IpcData.h"
 #include "tests/fakes/DG2Builder.h"
+#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/TempDir.h"
 #include "xcp/UpsDataBlock.h"
@@ -34,8 +32,7 @@ public:
                "ShutdownDelay1=120\nAppTermCommand1=/bin/true\n";
     }
 
-    // ini: the whole "Kestrava.ini"; membInfo: "MembInfo.dat" before start
-    // (none when empty).
+    // ini: the whole "Kestrava.ini"; membInfo: "MembInfo.dat" before start.
     explicit ControllerProtocolRig(const std::string& ini = defaultIni(), const std::string& membInfo = "")
         : dir("ctrlproto")
     {
@@ -60,16 +57,9 @@ public:
         events();
     }
 
-    void event(int code, std::vector<int> params = {})
+    void event(int code, const std::vector<int>& params = {})
     {
-        EVENTMSGINFO ev;
-        std::memset(&ev, 0, sizeof ev);
-        ev.to = ThCtrlSlot0;
-        ev.code = code;
-        ev.count = static_cast<int>(params.size());
-        for (size_t i = 0; i < params.size(); ++i)
-            ev.params[i] = params[i];
-        th->HandleEvent(ev);
+        th->HandleEvent(eventRecord(ThCtrlSlot0, code, params));
         events();
     }
 
@@ -83,9 +73,8 @@ public:
         event(EvNetReceived);
     }
 
-    // Everything queued since the last call, oldest first; each request or
-    // reply that waits for an answer gets its time-out armed as the
-    // transport arms it.
+    // Everything queued since the last call, oldest first; time-outs armed
+    // as the transport arms them.
     std::vector<IPC_DATA_REC> transmit()
     {
         std::vector<IPC_DATA_REC> out;
@@ -94,8 +83,7 @@ public:
             if (rec.ret.timeOut > 0 && rec.ret.awaited != -1) {
                 const int id = table->GetTimerID();
                 table->SetTimerInfo(id, &rec.ret);
-                _NOTIFYMSGINFO nt;
-                std::memset(&nt, 0, sizeof nt);
+                _NOTIFYMSGINFO nt{};
                 nt.code = NtNetTimerStart;
                 nt.count = 4;
                 nt.params[0] = id;
@@ -109,7 +97,7 @@ public:
         return out;
     }
 
-    // transmit(), described ("141 power-report r255 19:127.0.0.1 -> 17:127.0.0.5 body 1328").
+    // transmit(), each described by DG2Describe.
     std::vector<std::string> sent()
     {
         std::vector<std::string> out;
@@ -138,60 +126,37 @@ public:
         return out;
     }
 
-    bool commErrTimerRunning(int slot) const { return running.count(IpcCTrlTh::CommErrTimerId(slot)) != 0; }
     // Seconds from now to the expiry of a member's communication-error timer (-1: not running).
     int commErrTimerLeft(int slot)
     {
-        auto it = expiry.find(IpcCTrlTh::CommErrTimerId(slot));
-        return it == expiry.end() || !commErrTimerRunning(slot) ? -1 : it->second - static_cast<int>(clock.now());
+        const int id = IpcCTrlTh::CommErrTimerId(slot);
+        return running.count(id) == 0 ? -1 : expiry[id] - static_cast<int>(clock.now());
     }
+    DUP_MEMB_INFO member(const std::string& id) { return lookup(id).second; }
+    int slotOf(const std::string& id) { return lookup(id).first; }
 
-    DUP_MEMB_INFO member(const std::string& id)
+    // A member's datagram to this controller (127.0.0.1).
+    static DG2Builder fromMember(int msg, const std::string& from)
     {
-        std::vector<char> key(id.begin(), id.end());
-        key.push_back('\0');
-        DUP_MEMB_INFO rec;
-        table->GetMembInfo(key.data(), &rec);
-        return rec;
+        return DG2Builder(uint8_t(msg)).from(from.c_str(), DG2::KindMember).to("127.0.0.1", DG2::KindController);
     }
-    int slotOf(const std::string& id)
-    {
-        std::vector<char> key(id.begin(), id.end());
-        key.push_back('\0');
-        DUP_MEMB_INFO rec;
-        return table->GetMembInfo(key.data(), &rec);
-    }
-
     // A registration from a member by address (source name = its address).
-    static DG2MessageType registration(const std::string& address, int port, const std::string& memberId = "")
+    static DG2MessageType registration(const std::string& address, int port)
     {
-        DG2Address a;
-        a.memberId = memberId;
-        a.address = address;
-        a.port = port;
-        return DG2Builder(DG2::MsgRegister)
-            .from(address.c_str(), DG2::KindMember)
-            .to("127.0.0.1", DG2::KindController)
-            .pack([&](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, a); })
-            .msg();
+        const DG2Address a{"", address, port};
+        return fromMember(DG2::MsgRegister, address)
+            .pack([&](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, a); }).msg();
     }
-    // A member's answer to request msg: the layout of the request, from the
-    // name the controller wrote to.
-    static DG2MessageType answer(int msg, const std::string& from)
-    {
-        return DG2Builder(static_cast<uint8_t>(msg)).result(0).from(from.c_str(), DG2::KindMember)
-            .to("127.0.0.1", DG2::KindController).msg();
-    }
+    // A member's answer to request msg, from the name the controller wrote to.
+    static DG2MessageType answer(int msg, const std::string& from) { return fromMember(msg, from).result(0).msg(); }
     static DG2MessageType settingsAnswer(const std::string& from, const std::string& hostName)
     {
         DG2Settings s;
         s.hostName = hostName;
         s.groupName = "rack-3";
         s.port = 3069;
-        return DG2Builder(DG2::MsgSettings).result(0).from(from.c_str(), DG2::KindMember)
-            .to("127.0.0.1", DG2::KindController)
-            .pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); })
-            .msg();
+        return fromMember(DG2::MsgSettings, from).result(0)
+            .pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); }).msg();
     }
 
     TempDir dir;
@@ -210,6 +175,14 @@ public:
     std::map<int, int> expiry;
 
 private:
+    std::pair<int, DUP_MEMB_INFO> lookup(const std::string& id)
+    {
+        std::vector<char> key(id.begin(), id.end());
+        key.push_back('\0');
+        DUP_MEMB_INFO rec;
+        const int slot = table->GetMembInfo(key.data(), &rec);
+        return {slot, rec};
+    }
     // Takes the core's queued events: timer starts and stops update `running`.
     void events()
     {

@@ -1,8 +1,6 @@
 // DG2Builder: builds coordination datagrams for tests from the daemon's own
-// definitions (magic, request result, kinds, body sizes of the message
-// table, the body pack helpers) and gives the bytes a peer would put on the
-// wire; DG2Describe prints one datagram as a readable line, e.g.
-// "141 power-report r255 19:ctrl -> 17:memb body 1328".
+// definitions and gives the bytes a peer would put on the wire; DG2Describe
+// prints one as a line: "141 power-report r255 19:ctrl -> 17:memb body 1328".
 #pragma once
 
 #include <cstring>

@@ -1,13 +1,9 @@
-// FakeUdpNetwork: an in-memory UDP network for tests of the coordination
-// transport. Sockets made by socket() are keyed by (bound address, port).
-// A send to a broadcast address (addBroadcast; "255.255.255.255" always)
-// reaches every socket bound on that port; any other send reaches the
-// socket bound to that address and port, else one bound to any address on
-// that port. Datagrams queue in order; each socket's descriptor is an
-// eventfd that is readable while datagrams wait, so a poll loop runs the
-// same as on real sockets. dropAll switches on loss; sent() records every
-// datagram handed to send(). One network stands for many hosts, so only the
-// same (address, port) twice is "in use".
+// FakeUdpNetwork: an in-memory UDP network for the transport's tests. A send
+// to a broadcast address (addBroadcast; "255.255.255.255" always) reaches
+// every socket on that port, any other the socket bound to that address and
+// port, else one bound to any address. Each socket's descriptor is an eventfd
+// readable while datagrams wait, so a poll loop runs as on real sockets;
+// sent() records every datagram sent. One network stands for many hosts.
 #pragma once
 
 #include <algorithm>
@@ -42,16 +38,13 @@ public:
         UdpStatus open() override
         {
             close();
-            mFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
-            return mFd < 0 ? fail(errno) : UdpStatus::Ok;
+            return (mFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)) < 0 ? fail(errno) : UdpStatus::Ok;
         }
         UdpStatus bind(const std::string& address, uint16_t port) override
         {
             in_addr a;
-            if (mFd < 0)
-                return fail(EBADF);
-            if (!parseBindAddress(address, a))
-                return fail(EINVAL);
+            if (mFd < 0 || !parseBindAddress(address, a))
+                return fail(mFd < 0 ? EBADF : EINVAL);
             std::string bound = a.s_addr == htonl(INADDR_ANY) ? std::string() : address;
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             for (const Socket* s : mNet.mSockets)
@@ -81,10 +74,8 @@ public:
         UdpStatus send(const void* data, size_t size, const std::string& address, uint16_t port) override
         {
             in_addr a;
-            if (mFd < 0)
-                return fail(EBADF);
-            if (!parseAddress(address, a))
-                return fail(EINVAL);
+            if (mFd < 0 || !parseAddress(address, a))
+                return fail(mFd < 0 ? EBADF : EINVAL);
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             if (mPort == 0)
                 mPort = mNet.mNextPort++;
@@ -92,8 +83,7 @@ public:
             Datagram d{mAddress.empty() ? mNet.mHostAddress : mAddress, mPort, address, port,
                        std::vector<uint8_t>(p, p + size)};
             mNet.mSent.push_back(d);
-            if (!mNet.mDrop)
-                mNet.deliverLocked(d);
+            mNet.deliverLocked(d);
             return UdpStatus::Ok;
         }
         int descriptor() const override { return mFd; }
@@ -116,7 +106,7 @@ public:
         void enqueueLocked(const Datagram& d)
         {
             mQueue.push_back(d);
-            uint64_t one = 1;
+            const uint64_t one = 1;
             (void)!::write(mFd, &one, sizeof one);
         }
 
@@ -128,9 +118,6 @@ public:
         std::deque<Datagram> mQueue;
     };
 
-    // hostAddress: the sender address of sockets bound to any address.
-    explicit FakeUdpNetwork(std::string hostAddress = "127.0.0.1") : mHostAddress(std::move(hostAddress)) {}
-
     // Sockets must be destroyed before the network.
     std::unique_ptr<Socket> socket()
     {
@@ -140,7 +127,6 @@ public:
         return s;
     }
     void addBroadcast(const std::string& address) { std::lock_guard<std::mutex> l(mMutex); mBroadcast.insert(address); }
-    void dropAll(bool on) { std::lock_guard<std::mutex> l(mMutex); mDrop = on; }
     std::vector<Datagram> sent() const { std::lock_guard<std::mutex> l(mMutex); return mSent; }
 
 private:
@@ -172,10 +158,9 @@ private:
     }
 
     mutable std::mutex mMutex;
-    std::string mHostAddress;
+    std::string mHostAddress = "127.0.0.1"; // the sender address of sockets bound to any address
     std::vector<Socket*> mSockets;
     std::set<std::string> mBroadcast{"255.255.255.255"};
-    bool mDrop = false;
     uint16_t mNextPort = 40000;
     std::vector<Datagram> mSent;
 };
