@@ -28,56 +28,19 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/ScriptedMember.h"
 
 namespace {
 
-std::string readAll(const std::string& path)
-{
-    std::ifstream in(path);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeAll(const std::string& path, const std::string& text, mode_t mode = 0644)
-{
-    std::ofstream(path) << text;
-    chmod(path.c_str(), mode);
-}
-
-pid_t spawn(const std::vector<std::string>& args, int out, const std::vector<std::string>& env)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(out >= 0 ? out : null, 1);
-        for (const std::string& e : env)
-            putenv(strdup(e.c_str()));
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-// Waits at most `seconds` for pid; kills it after that.
+// Ends pid (SIGTERM, then SIGKILL after `seconds`) and reaps it when it is ours.
 void endProcess(pid_t pid, int seconds)
 {
     if (pid <= 0)
         return;
     kill(pid, SIGTERM);
-    for (int i = 0; i < seconds * 10; ++i) {
-        if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0)
-            return;
-        usleep(100000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, WNOHANG);
+    if (!waitFor([&] { return waitpid(pid, nullptr, WNOHANG) == pid || !pidAlive(pid); }, seconds, 100))
+        kill(pid, SIGKILL);
 }
 
 struct TaskSample {
@@ -95,10 +58,10 @@ std::map<int, TaskSample> sample(pid_t pid)
     for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
         TaskSample t;
         const std::string base = e.path().string();
-        t.name = readAll(base + "/comm");
+        t.name = readFile(base + "/comm");
         while (!t.name.empty() && t.name.back() == '\n')
             t.name.pop_back();
-        std::istringstream status(readAll(base + "/status"));
+        std::istringstream status(readFile(base + "/status"));
         std::string line;
         while (std::getline(status, line)) {
             if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
@@ -106,7 +69,7 @@ std::map<int, TaskSample> sample(pid_t pid)
             else if (line.rfind("nonvoluntary_ctxt_switches:", 0) == 0)
                 t.involuntary = atol(line.c_str() + 27);
         }
-        const std::string stat = readAll(base + "/stat");
+        const std::string stat = readFile(base + "/stat");
         const std::string::size_type paren = stat.rfind(')');
         if (paren != std::string::npos) {
             std::istringstream fields(stat.substr(paren + 2));
@@ -159,35 +122,35 @@ int main(int argc, char** argv)
     for (const char* d : {"lock", "bin", "log"})
         mkdir((home + d).c_str(), 0755);
     const int port = 40000 + (getpid() % 5000) * 3;
-    writeAll(home + "Kestrava.ini",
+    writeFile(home + "Kestrava.ini",
              "UPSController=1\nDeviceName=" + home + "ups\nPath=" + std::string(tmpl) +
                  "\nDumpLogRate=0\nDumpLogDays=30\nCuiPort=" + std::to_string(port) +
                  "\nIPAddress=127.0.0.1\nCtrlPort1=" + std::to_string(port + 1) +
                  "\nWinkTime1=3600\nShutdownTime1=60\nAppTermTimeOut1=60\nShutdownDelay1=120\n"
                  "AppTermCommand1=\nGroupName=idle\nSetUpID=*IDLE\nMemberIDData=0\nAccessCode1=1\n",
              0600);
-    writeAll(home + "alert.rc", readAll(KESTRAVA_SOURCE_DIR "/packaging/alert.rc"));
-    writeAll(home + "shutdown.sh", "#!/bin/sh\nexit 0\n", 0755);
-    writeAll(home + "bin/wall", "#!/bin/sh\nexit 0\n", 0755);
+    writeFile(home + "alert.rc", readFile(KESTRAVA_SOURCE_DIR "/packaging/alert.rc"));
+    writeFile(home + "shutdown.sh", "#!/bin/sh\nexit 0\n", 0755);
+    writeFile(home + "bin/wall", "#!/bin/sh\nexit 0\n", 0755);
     symlink((bin + "/kestrava").c_str(), (home + "kestrava").c_str());
 
     int pipeFd[2];
     if (pipe(pipeFd) != 0)
         return 1;
-    pid_t sim = spawn({bin + "/kestrava-upssim", "--quiet", "--link", home + "ups"}, pipeFd[1], {});
+    pid_t sim = spawnProgram({bin + "/kestrava-upssim", "--quiet", "--link", home + "ups"}, -1, pipeFd[1], {});
     close(pipeFd[1]);
     char first[512] = {0};
     ssize_t got = read(pipeFd[0], first, sizeof first - 1); // the device path: the simulator is up
     (void)got;
     const char* path = getenv("PATH");
-    pid_t starter = spawn({home + "kestrava"}, -1,
+    pid_t starter = spawnProgram({home + "kestrava"}, -1, -1,
                           {"KESTRAVA_PID_FILE=" + home + "Kestrava.pid", "KESTRAVA_LOCK_DIR=" + home + "lock",
                            "KESTRAVA_SHUTDOWN_CMD=" + home + "shutdown.sh",
                            "PATH=" + home + "bin:" + (path ? path : "/usr/bin:/bin")});
     waitpid(starter, nullptr, 0);
     pid_t daemon = 0;
     for (int i = 0; i < 200 && daemon <= 0; ++i) {
-        daemon = atoi(readAll(home + "Kestrava.pid").c_str());
+        daemon = atoi(readFile(home + "Kestrava.pid").c_str());
         usleep(100000);
     }
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <sys/types.h>
@@ -53,6 +54,27 @@ inline pid_t deadPid()
 
 // True while a process with this pid exists (ours to signal or not).
 inline bool pidAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+// Starts args[0] with standard input and output on `in` and `out` (-1:
+// /dev/null) and `env` added to the environment; its pid.
+inline pid_t spawnProgram(const std::vector<std::string>& args, int in, int out, const std::vector<std::string>& env)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
+        dup2(in >= 0 ? in : devnull, 0);
+        dup2(out >= 0 ? out : devnull, 1);
+        for (const std::string& e : env)
+            putenv(strdup(e.c_str()));
+        std::vector<char*> argv;
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
 
 // A child's exit status (-1: not a normal exit in time) and its output.
 struct ChildRun {

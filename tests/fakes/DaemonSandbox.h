@@ -60,7 +60,7 @@ public:
         args.insert(args.end(), simOptions.begin(), simOptions.end());
         int in[2], out[2];
         ASSERT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0);
-        simPid = spawn(args, in[0], out[1], {});
+        simPid = spawnProgram(args, in[0], out[1], {});
         close(in[0]);
         close(out[1]);
         simIn = in[1];
@@ -80,7 +80,7 @@ public:
         ASSERT_EQ(symlink(KESTRAVA_BINARY_DIR "/kestrava", (home + "kestrava").c_str()), 0);
 
         const char* path = getenv("PATH");
-        pid_t starter = spawn({home + "kestrava"}, -1, -1,
+        pid_t starter = spawnProgram({home + "kestrava"}, -1, -1,
                               {"KESTRAVA_PID_FILE=" + home + "Kestrava.pid", "KESTRAVA_LOCK_DIR=" + home + "lock",
                                "KESTRAVA_SHUTDOWN_CMD=" + home + "shutdown.sh",
                                "PATH=" + home + "bin:" + (path ? path : "/usr/bin:/bin")});
@@ -165,26 +165,6 @@ public:
     int ctrlPort = 0;   // the daemon's coordination port ("CtrlPort1", on 127.0.0.1)
 
 private:
-    // Runs args[0] with stdin/stdout on `in`/`out` (or /dev/null) and `env` added.
-    static pid_t spawn(const std::vector<std::string>& args, int in, int out, const std::vector<std::string>& env)
-    {
-        pid_t pid = fork();
-        if (pid == 0) {
-            int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
-            dup2(in >= 0 ? in : devnull, 0);
-            dup2(out >= 0 ? out : devnull, 1);
-            for (const std::string& e : env)
-                putenv(strdup(e.c_str()));
-            std::vector<char*> argv;
-            for (const std::string& a : args)
-                argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        return pid;
-    }
-
     // One line of the simulator's standard output, waiting at most 10 s.
     std::string readSimLine()
     {
