@@ -14,6 +14,7 @@
 #include "control/StCTrl.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
+#include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/RecordingShell.h"
 #include "tests/fakes/TempDir.h"
 
@@ -84,22 +85,21 @@ TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
 {
     TempDir tmp("kestrava-power-");
     ASSERT_TRUE(tmp.made());
-    const std::string out = tmp.file("out");
-    // Each command waits before it writes: if the thread waited for the
-    // first, the file would already hold its line when the second starts.
-    command(1, "sleep 2; echo x >> " + out);
+    const std::string out = tmp.file("out"), go = tmp.file("go");
+    // Each command waits for the test's "go" before it writes: if the thread
+    // waited for the first, the second would never start.
+    command(1, "while [ ! -e " + go + " ]; do sleep 0.05; done; echo x >> " + out);
     SystemShellRunner real;
     ScopedShell installed(&real);
     pt.handle(EvAppTerm, {0});
     pt.handle(EvAppTerm, {0});
-    EXPECT_EQ(readLines(out).size(), 0u);
     EXPECT_EQ(pt.seen.size(), 2u);
-    for (int i = 0; i < 100 && readLines(out).size() < 2; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(readLines(out).size(), 2u);
-    // Give the shells a moment to exit after their last write; then no child
-    // of this process may be left to reap.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    writeFile(go, "");
+    EXPECT_TRUE(waitFor([&] { return readLines(out).size() == 2; }, 10, 50));
+    // Once both shells are gone from this process's children (a zombie would
+    // stay listed), none may be left to reap.
+    EXPECT_TRUE(waitFor([] { return readFile("/proc/self/task/" + std::to_string(getpid()) + "/children").empty(); },
+                        10, 50));
     EXPECT_LE(waitpid(-1, nullptr, WNOHANG), 0) << "a zombie child remained";
 }
 } // namespace
