@@ -161,10 +161,22 @@ std::string IpcCTrlCTh::registrationId()
     const std::string src = field(mMsg.srcName, sizeof mMsg.srcName);
     if (src.empty() || src[0] != ' ')
         return src;
-    DG2Address body;
-    if (!DG2UnpackAddress(mMsg, &body) || !isIdentityId(body.memberId))
+    DG2AddressBody body;
+    if (!DG2GetBody(mMsg, &body) || !DG2FieldTextOk(body.memberId, sizeof body.memberId))
         return std::string();
-    return body.memberId;
+    const std::string id = DG2FieldText(body.memberId, sizeof body.memberId);
+    return isIdentityId(id) ? id : std::string();
+}
+
+int IpcCTrlCTh::registrationPort()
+{
+    // The body's port when it reads as one; a peer that leaves the body's
+    // fields empty is reached where its request came from.
+    DG2AddressBody body;
+    int port = 0;
+    if (DG2GetBody(mMsg, &body) && DG2FieldNumber(body.port, sizeof body.port, &port) && port >= 1 && port <= 65535)
+        return port;
+    return mSenderPort;
 }
 
 void IpcCTrlCTh::setCurrent(const DUP_MEMB_INFO& rec)
@@ -395,9 +407,9 @@ bool IpcCTrlCTh::FuncRv_35()
             return false;
         }
     }
-    DG2Address body;
-    if (!DG2UnpackAddress(mMsg, &body) || body.port < 1 || body.port > 65535) {
-        dropped("malformed registration body");
+    const int port = registrationPort();
+    if (port < 1 || port > 65535) {
+        dropped("registration from no usable port");
         return false;
     }
     if (!DG2FieldTextOk(mMsg.srcName, sizeof mMsg.srcName) || !isDottedIPv4(mSender)) {
@@ -412,7 +424,7 @@ bool IpcCTrlCTh::FuncRv_35()
         sq = std::strncmp(mAddressAtArrival, mSender, kMembAddrSize) == 0 ? SqRenew : SqMoved;
     else if (byIdentity)
         id = GetMember_ID();
-    if (table().InitMember(mSender, body.port, id, byIdentity, GetMyThrad(), sq, nullptr) < 0)
+    if (table().InitMember(mSender, port, id, byIdentity, GetMyThrad(), sq, nullptr) < 0)
         return false; // logged by the table
     std::vector<char> key(id.begin(), id.end());
     key.push_back('\0');
@@ -447,22 +459,20 @@ void IpcCTrlCTh::RVM_35()
 
 bool IpcCTrlCTh::FuncRv_0()
 {
-    DG2Settings s;
-    if (!DG2UnpackSettings(mMsg, &s))
+    // The member's host name, when its answer carries a readable one; an
+    // answer without it still completes the step.
+    DG2SettingsBody body;
+    if (!DG2GetBody(mMsg, &body) || !DG2FieldTextOk(body.hostName, sizeof body.hostName))
         return false;
-    if (table().SetMembNameString(&mMemb, s.hostName.c_str()) > 0)
+    const std::string name = DG2FieldText(body.hostName, sizeof body.hostName);
+    if (!name.empty() && table().SetMembNameString(&mMemb, name.c_str()) > 0)
         table().SaveMembInfo();
     return true;
 }
 
 void IpcCTrlCTh::RVM_0()
 {
-    if (!FuncRv_0()) {
-        table().CancelMembTM(mMemb.memberId);
-        resetSequence();
-        dropped("malformed settings answer; the member's exchange starts afresh");
-        return;
-    }
+    FuncRv_0();
     if (mMemb.sq == SqNew || mMemb.sq == SqRenew)
         SDM_181(false, IPC_DST_REPLY);
     else

@@ -123,6 +123,8 @@ private:
     // the source name of a member by address, the body's ID of one by
     // identity; empty when none.
     std::string registrationId();
+    // The member's port: the registration body's, else the port it sent from.
+    int registrationPort();
     std::string idStem() const;
     bool isIdentityId(const std::string& id) const;
     void setCurrent(const DUP_MEMB_INFO& rec);

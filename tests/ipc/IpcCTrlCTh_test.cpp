@@ -169,25 +169,46 @@ TEST(IpcCTrlCThRefused, BadValuesOutOfSequenceAnswersAndForeignAddressesChangeNo
         DG2Builder b(withAddress(DG2::MsgRegister, "127.0.0.9", "127.0.0.1", 19, {"", "127.0.0.9", 3069}));
         return b.bodyBytes(64, port + std::string(6 - port.size(), '\0')).msg();
     };
-    // Bad ports, an identity of another length, a power report from no member.
-    for (const DG2MessageType& m : {reg("0"), reg("30x9"), reg("65536"),
-                                    withAddress(DG2::MsgRegister, " ABCD", " ABCDEF", 19, {"", "127.0.0.9", 3069}),
-                                    Rig::fromMember(DG2::MsgPowerReport, "127.0.0.9").msg()})
-        r.receive(m, "127.0.0.9", 3069);
+    // A body port that does not read: the member is reached where it sent from.
+    r.receive(reg("30x9"), "127.0.0.9", 4000);
+    EXPECT_EQ(r.member("127.0.0.9").port, 4000);
+    r.transmit();
+    // An identity of another length and a power report from no member change nothing.
+    const DG2MessageType foreign = withAddress(DG2::MsgRegister, " ABCD", " ABCDEF", 19, {"", "127.0.0.8", 3069});
+    for (const DG2MessageType& m : {foreign, foreign, Rig::fromMember(DG2::MsgPowerReport, "127.0.0.8").msg()})
+        r.receive(m, "127.0.0.8", 3069);
     EXPECT_TRUE(r.sent().empty());
-    EXPECT_EQ(r.slotOf("127.0.0.9") + r.slotOf(" ABCD0001"), 0);
-    EXPECT_EQ(r.th->DroppedUnreported(), 4) << "one line, the rest counted";
+    EXPECT_EQ(r.slotOf("127.0.0.8") + r.slotOf(" ABCD0001"), 0);
+    EXPECT_EQ(r.th->DroppedUnreported(), 2) << "one line, the rest counted";
     r.clock.advance(IpcCTrlCTh::kDropReportInterval);
-    r.receive(reg("0"), "127.0.0.9", 3069);
+    r.receive(foreign, "127.0.0.8", 3069);
     EXPECT_EQ(r.th->DroppedUnreported(), 0) << "a new line after the interval";
 
+    // A member that leaves every body zero (the bodies' fields are ours)
+    // still walks the whole exchange, reached at the port it sent from.
+    r.receive(Rig::fromMember(DG2::MsgRegister, "127.0.0.7").msg(), "127.0.0.7", 3071);
+    std::vector<int> seen;
+    for (int step = 0; step < 6; ++step) {
+        int request = -1;
+        for (const IPC_DATA_REC& rec : r.transmit())
+            request = rec.msg.result == DG2::kResultRequest ? rec.msg.msgNo : request;
+        if (request < 0)
+            break;
+        seen.push_back(request);
+        r.receive(Rig::answer(request, "127.0.0.7"), "127.0.0.7", 3071);
+    }
+    EXPECT_EQ(seen, (std::vector<int>{0, 181, 140, 141}));
+    EXPECT_EQ(r.member("127.0.0.7").status, MembActive);
+    EXPECT_EQ(r.member("127.0.0.7").port, 3071);
+
     // Out of sequence: the member's exchange is reset and its time-outs cancelled.
+    const size_t others = r.replyTimers().size(); // the request still waiting for 127.0.0.9
     r.receive(Rig::registration("127.0.0.5", 3069), "127.0.0.5", 3069);
     r.transmit();
-    ASSERT_EQ(r.replyTimers().size(), 1u);
+    ASSERT_EQ(r.replyTimers().size(), others + 1);
     r.receive(Rig::answer(140, "127.0.0.5"), "127.0.0.5", 3069);
     EXPECT_EQ(r.member("127.0.0.5").sq, SqIdle);
-    EXPECT_TRUE(r.replyTimers().empty());
+    EXPECT_EQ(r.replyTimers().size(), others);
     r.receive(Rig::settingsAnswer("127.0.0.5", "late"), "127.0.0.5", 3069);
     EXPECT_TRUE(r.sent().empty()) << "the exchange does not resume";
 
