@@ -55,6 +55,18 @@ inline pid_t deadPid()
 // True while a process with this pid exists (ours to signal or not).
 inline bool pidAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
 
+// Replaces the calling (child) process with args[0] run with args; 127 when
+// it cannot be run.
+[[noreturn]] inline void execArgs(const std::vector<std::string>& args)
+{
+    std::vector<char*> argv;
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
 // Starts args[0] with standard input and output on `in` and `out` (-1:
 // /dev/null) and `env` added to the environment; its pid.
 inline pid_t spawnProgram(const std::vector<std::string>& args, int in, int out, const std::vector<std::string>& env)
@@ -66,12 +78,7 @@ inline pid_t spawnProgram(const std::vector<std::string>& args, int in, int out,
         dup2(out >= 0 ? out : devnull, 1);
         for (const std::string& e : env)
             putenv(strdup(e.c_str()));
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        execArgs(args);
     }
     return pid;
 }
@@ -110,12 +117,5 @@ ChildRun runChild(const std::string& scratch, Fn fn, int seconds = 20)
 // Runs a program (args[0] is its path) the same way.
 inline ChildRun runProgram(const std::string& scratch, const std::vector<std::string>& args, int seconds = 20)
 {
-    return runChild(scratch, [&] {
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }, seconds);
+    return runChild(scratch, [&] { execArgs(args); }, seconds);
 }
