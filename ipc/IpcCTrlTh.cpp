@@ -88,6 +88,20 @@ int IpcCTrlTh::queue(IPC_DST_MODE mode, int extra)
     return table().setSdData(&mOut);
 }
 
+// The timer block of a new request or reply: attempt counter 0.
+void IpcCTrlTh::fillTimerBlock(unsigned char msg, unsigned short bodyLength, int awaited, int timeOut, int limit)
+{
+    IPC_DATA_RET& r = mOut.ret;
+    std::memset(&r, 0, sizeof r);
+    std::memcpy(r.peerName, mPeerName, sizeof r.peerName);
+    r.msgNo = msg;
+    r.bodyLen = bodyLength;
+    r.awaited = awaited;
+    r.timeOut = timeOut;
+    r.limit = limit;
+    r.threadId = GetMyThrad();
+}
+
 int IpcCTrlTh::SendData(unsigned char msg, unsigned short bodyLength, int timeOut, int limit, IPC_DST_MODE mode,
                         int extra)
 {
@@ -95,16 +109,7 @@ int IpcCTrlTh::SendData(unsigned char msg, unsigned short bodyLength, int timeOu
     const uint16_t to = IsController() ? DG2::KindMember : DG2::KindController;
     fillHeader(msg, DG2::kResultRequest, requestDestination(), mOwnName.c_str(), from, to, bodyLength);
 
-    IPC_DATA_RET& r = mOut.ret;
-    std::memset(&r, 0, sizeof r);
-    std::memcpy(r.peerName, mPeerName, sizeof r.peerName);
-    r.msgNo = msg;
-    r.bodyLen = bodyLength;
-    r.awaited = msg;
-    r.timeOut = timeOut;
-    r.limit = limit;
-    r.attempts = 0;
-    r.threadId = GetMyThrad();
+    fillTimerBlock(msg, bodyLength, msg, timeOut, limit);
     return queue(mode, extra);
 }
 
@@ -132,14 +137,7 @@ int IpcCTrlTh::SendReply(unsigned char msg, unsigned short bodyLength, unsigned 
     }
     fillHeader(msg, result, dst, mAddressedAs, from, to, bodyLength);
 
-    IPC_DATA_RET& r = mOut.ret;
-    std::memset(&r, 0, sizeof r);
-    std::memcpy(r.peerName, mPeerName, sizeof r.peerName);
-    r.msgNo = msg;
-    r.bodyLen = bodyLength;
-    r.awaited = awaited;
-    r.timeOut = timeOut;
-    r.threadId = GetMyThrad();
+    fillTimerBlock(msg, bodyLength, awaited, timeOut, 0);
     return queue(IPC_DST_REPLY, extra);
 }
 

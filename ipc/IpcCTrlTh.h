@@ -115,6 +115,7 @@ private:
     void fillHeader(unsigned char msg, unsigned char result, const char* dst, const char* src, uint16_t srcKind,
                     uint16_t dstKind, unsigned short bodyLength);
     const char* requestDestination() const;
+    void fillTimerBlock(unsigned char msg, unsigned short bodyLength, int awaited, int timeOut, int limit);
     int postTimer(int code, int id, int time);
     int queue(IPC_DST_MODE mode, int extra);
 };
