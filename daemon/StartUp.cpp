@@ -277,6 +277,13 @@ void StartUp::daemonise()
 // member's operator directories.
 void StartUp::setUpMember()
 {
+    // The member's operator files ("Controller.inf", "Controller.log", the
+    // shutdown logs) live below the data directory, like every other file
+    // the daemon writes for the operator; the start-up check already
+    // writes into them.
+    const std::string data = memberDataDir();
+    makeMemberDir(data + "CONTROLLER");
+    makeMemberDir(data + "SHUTDOWN");
     int result = CreateMultiControllerFile::CheckControllerFile(
         gpMapConfig->getConf("IPAddress"), confNum(gpMapConfig, "MemberPort"), gHomeDir, gpMapConfig, &gpm_Memcnt,
         gCStCtrl.ShutdownTimming(), gCStCtrl.TimingChanged());
@@ -285,12 +292,6 @@ void StartUp::setUpMember()
         failStartUp("cannot read the controller list " + gHomeDir + "Membercnt.cfg");
     if (*gCStCtrl.TimingChanged())
         storeReceivedTiming(*gCStCtrl.ShutdownTimming());
-    // The member's operator files ("Controller.inf", "Controller.log", the
-    // shutdown logs) live below the data directory, like every other file
-    // the daemon writes for the operator.
-    const std::string data = memberDataDir();
-    makeMemberDir(data + "CONTROLLER");
-    makeMemberDir(data + "SHUTDOWN");
 }
 
 // The serial device belongs to this daemon alone.
