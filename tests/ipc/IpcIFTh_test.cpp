@@ -175,7 +175,7 @@ TEST(IpcIFThMember, DatagramsComeOnlyFromTheControllersItFollowsEachToItsSlot)
     EXPECT_TRUE(reaches(*byId, "x", ThCtrlSlot2));
 }
 
-TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsAllTimersAndAfterAnApplicationEndOnly127Leaves)
+TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsTheNetworkTimersAndAfterAnApplicationEndOnly127Leaves)
 {
     Rig r(kMember, "IPAddress1=127.0.0.1\n");
     r.member("@CTRL1", "127.0.0.1", 3069);
@@ -185,7 +185,9 @@ TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsAllTimersAndAfterAnApp
             r.clock.advance(seconds), r.th.RunPass();
         return drainDescribed(r.core);
     };
-    const V stopAll = {"0:EvTimerStopAll(103):1"};
+    // The quiet-network rule: health checks and reply time-outs stop.
+    const V stopAll = {"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
+                       "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"};
     ticks(1, 10800);
     ticks(1, -3600);
     EXPECT_EQ(ticks(120, 1), V{}) << "jumps are not silence; 120 s is not more than 120 s";
