@@ -1,10 +1,10 @@
 // MemberProtocolRig: one member-side protocol thread (slot 0, thread 8)
-// without its thread, in virtual time: a real controller core, member
+// without its thread, in virtual time, with a real controller core, member
 // table, configuration, controller list and UPS data in a temporary
 // directory. receive() delivers a controller's datagram as the transport
 // does, transmit() takes what was queued and arms its time-outs as the
-// transport does, expire() hands a running timer back as its expiry event;
-// posted events are kept in `posted` for inspection.
+// transport does, expire() hands a running timer back as its expiry event.
+// Events the core posted are kept in `posted`.
 #pragma once
 
 #include <cstring>
@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "config/FileMap.h"
-#include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "ipc/IpcCTrlMTh.h"
 #include "ipc/IpcData.h"
@@ -35,11 +34,11 @@ public:
     }
     static std::string defaultList()
     {
-        return "IPAddress1=127.0.0.1\nPort1=3052\nSetLater=\nWinkTime=\nShutdownTime=\nAppTermTimeOut=\n"
-               "ShutdownDelay=\nAppTermCommand=\n";
+        return "IPAddress1=127.0.0.1\nPort1=3052\nWinkTime=\nShutdownTime=\nAppTermTimeOut=\nShutdownDelay=\n"
+               "AppTermCommand=\n";
     }
 
-    // resolve: the thread's resolution request (slot index); start: Start() now.
+    // resolve: the thread's resolution request; start: Start() at once.
     explicit MemberProtocolRig(const std::string& ini = defaultIni(), const std::string& list = defaultList(),
                                std::function<void(int)> resolve = {}, bool start = true)
         : dir("membproto")
@@ -47,23 +46,18 @@ public:
         dir.write("Kestrava.ini", ini);
         dir.write("Membercnt.cfg", list);
         config.reset(new FileMap(dir.file("Kestrava.ini")));
-        configPtr = config.get();
         members.reset(new FileMap(dir.file("Membercnt.cfg")));
-        membersPtr = members.get();
-        core.reset(new StCTrl(&clock, configPtr));
+        ptrs.config = config.get();
+        ptrs.members = members.get();
+        core.reset(new StCTrl(&clock, config.get()));
         core->getShutdownTiming(0);
         table.reset(new IpcData(*core, dir.path(), dir.path()));
-        tablePtr = table.get();
         ups.reset(new UpsDataBlock(&clock));
-        upsPtr = ups.get();
-        IpcCTrlMTh::Wiring w;
-        w.table = &tablePtr;
-        w.config = &configPtr;
-        w.members = &membersPtr;
-        w.ups = &upsPtr;
-        w.clock = &clock;
-        w.resolve = std::move(resolve);
-        th.reset(new IpcCTrlMTh(ThCtrlSlot0, core.get(), w));
+        ptrs.table = table.get();
+        ptrs.ups = ups.get();
+        th.reset(new IpcCTrlMTh(ThCtrlSlot0, core.get(),
+                                IpcCTrlMTh::Wiring{&ptrs.table, &ptrs.config, &ptrs.members, &ptrs.ups, &clock,
+                                                   std::move(resolve)}));
         if (start)
             this->start();
     }
@@ -89,7 +83,6 @@ public:
         event(EvNetReceived);
     }
 
-    // Everything queued since the last call; time-outs armed as the transport arms them.
     std::vector<IPC_DATA_REC> transmit()
     {
         std::vector<IPC_DATA_REC> out;
@@ -120,7 +113,6 @@ public:
         return out;
     }
 
-    // Hands a running timer back to the thread as its expiry event.
     void expire(int id)
     {
         running.erase(id);
@@ -140,16 +132,15 @@ public:
                 out.push_back(t.first);
         return out;
     }
-    // Seconds from now to a running timer's expiry (-1: not running).
+    // Seconds to a running timer's expiry (-1: not running).
     int left(int id)
     {
         auto it = running.find(id);
         return it == running.end() ? -1 : it->second - static_cast<int>(clock.now());
     }
     int commErrLeft() { return left(IpcCTrlTh::CommErrTimerId(1)); }
-
-    // The event-log codes posted for the slot since the last call.
-    std::vector<int> logCodes()
+    // Event-log codes posted for the slot.
+    std::vector<int> logCodes() const
     {
         std::vector<int> out;
         for (const EVENTMSGINFO& ev : posted)
@@ -157,20 +148,9 @@ public:
                 out.push_back(ev.params[1]);
         return out;
     }
-    int count(int to, int code) const
-    {
-        int n = 0;
-        for (const EVENTMSGINFO& ev : posted)
-            n += ev.to == to && ev.code == code;
-        return n;
-    }
-    std::string confOnDisk(const std::string& key) const
-    {
-        FileMap fresh(dir.file("Kestrava.ini"));
-        return fresh.getConf(key);
-    }
+    std::string confOnDisk(const std::string& key) const { return FileMap(dir.file("Kestrava.ini")).getConf(key); }
 
-    // A controller's request (19 -> 17) to this member.
+    // ---- the controller's datagrams (19 -> 17) ----
     static DG2Builder fromController(int msg, const std::string& from = "127.0.0.1")
     {
         return DG2Builder(uint8_t(msg)).from(from.c_str(), DG2::KindController).to("127.0.0.2", DG2::KindMember);
@@ -186,19 +166,16 @@ public:
         DG2_ShutdownTimming t{};
         t.winkTime = wink;
         t.shutdownTime = minutes;
-        t.appTermTimeOut = 60;
-        t.shutdownDelay = 120;
         std::strncpy(t.appTermCommand, command.c_str(), sizeof t.appTermCommand - 1);
         return fromController(DG2::MsgShutdownTiming)
             .pack([&](DG2MessageType* m) { return DG2PackShutdownTiming(m, t); }).msg();
     }
-    // A power report: utility lost (alarm 59 active) or present, alarms
-    // beginning `since` seconds before the report.
+    // Utility lost (alarm 59 active, `since` seconds before the report) or present.
     static DG2MessageType report(bool utilityLost, int since, uint8_t upsCommLost = 0)
     {
         DG2PowerReportBody b{};
         b.alarmMapLength = 8;
-        b.alarmMap[7] = 0x08; // alarm 59 supported
+        b.alarmMap[7] = 0x08;
         b.alarmStates[0] = utilityLost ? 1 : 0;
         b.battery = 4;
         b.utility = utilityLost ? 3 : 2;
@@ -213,19 +190,22 @@ public:
     TempDir dir;
     ManualClock clock;
     std::unique_ptr<FileMap> config;
-    FileMap* configPtr = nullptr;
     std::unique_ptr<FileMap> members;
-    FileMap* membersPtr = nullptr;
     std::unique_ptr<StCTrl> core;
     std::unique_ptr<IpcData> table;
-    IpcData* tablePtr = nullptr;
     std::unique_ptr<UpsDataBlock> ups;
-    UpsDataBlock* upsPtr = nullptr;
     std::unique_ptr<IpcCTrlMTh> th;
     std::map<int, int> running; // timer id -> expiry, as the timer service keeps them
     std::vector<EVENTMSGINFO> posted;
 
 private:
+    struct {
+        IpcData* table;
+        FileMap* config;
+        FileMap* members;
+        UpsDataBlock* ups;
+    } ptrs{};
+
     void events()
     {
         EVENTMSGINFO ev;
