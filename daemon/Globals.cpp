@@ -28,16 +28,18 @@ PowerTh gPowerThread(ThPower, &gCStCtrl);
 CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig);
 IpcIFTh gIpcIfThread(ThIpcIF, IpcIFTh::Wiring{&gCStCtrl, &gIpcData, &gpMapConfig, &gpm_Memcnt, {}, {}, nullptr});
 IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0, &gCStCtrl, IpcCTrlCTh::Wiring{&gIpcData, &gpMapConfig, &gUpsData, nullptr});
-IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0);
-IpcCTrlMTh gIpcCTrlMThread2(ThCtrlSlot1);
-IpcCTrlMTh gIpcCTrlMThread3(ThCtrlSlot2);
-IpcCTrlMTh gIpcCTrlMThread4(ThCtrlSlot3);
-GetHostNameTh g_GetHostNameTh(ThHostName);
+IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0, &gCStCtrl, IpcCTrlMTh::Wiring{&gIpcData, &gpMapConfig, &gpm_Memcnt, &gUpsData, nullptr, {}});
+IpcCTrlMTh gIpcCTrlMThread2(ThCtrlSlot1, &gCStCtrl, IpcCTrlMTh::Wiring{&gIpcData, &gpMapConfig, &gpm_Memcnt, &gUpsData, nullptr, {}});
+IpcCTrlMTh gIpcCTrlMThread3(ThCtrlSlot2, &gCStCtrl, IpcCTrlMTh::Wiring{&gIpcData, &gpMapConfig, &gpm_Memcnt, &gUpsData, nullptr, {}});
+IpcCTrlMTh gIpcCTrlMThread4(ThCtrlSlot3, &gCStCtrl, IpcCTrlMTh::Wiring{&gIpcData, &gpMapConfig, &gpm_Memcnt, &gUpsData, nullptr, {}});
+// The protocol threads actually started (start-up fills the configured
+// slots); the host-name thread reads the entries when a request comes.
+IpcCTrlMTh* g_pMemberTh[4] = {nullptr, nullptr, nullptr, nullptr};
+GetHostNameTh g_GetHostNameTh(ThHostName, g_pMemberTh, &gCStCtrl);
 
 std::string gHomeDir;
 FileMap* gpMapMessage = nullptr;
 FileMap* gpMapConfig = nullptr;
 FileMap* gpm_Memcnt = nullptr;
 UpsDataBlock* gUpsData = nullptr;
-IpcCTrlMTh* g_pMemberTh[4] = {nullptr, nullptr, nullptr, nullptr};
 IpcData* gIpcData = nullptr;

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstring>
+#include <unistd.h>
 
 #include "config/FileMap.h"
 #include "control/Codes.h"
@@ -28,6 +29,20 @@ bool isDottedIPv4(const std::string& text)
 {
     in_addr a;
     return !text.empty() && inet_pton(AF_INET, text.c_str(), &a) == 1;
+}
+
+// This member's name in its datagrams: its "IPAddress" when that is an
+// address; with "*" (listen on every address) or nothing, the host name, so
+// that members listening on every address still have names of their own.
+std::string ownNameOf(const std::string& address)
+{
+    if (isDottedIPv4(address))
+        return address;
+    char host[256] = {};
+    if (gethostname(host, sizeof host - 1) != 0 || host[0] == '\0' ||
+        !DG2FieldTextOk(host, strnlen(host, sizeof host)))
+        return address;
+    return host;
 }
 
 } // namespace
@@ -172,7 +187,7 @@ void IpcCTrlMTh::Start()
     mCtrlPort = port;
 
     // A member by identity names itself and its controller by the identity.
-    SetOwnName(mKind == Kind::Identity ? mIdentity : conf("IPAddress").substr(0, DG2::kNameSize));
+    SetOwnName(mKind == Kind::Identity ? mIdentity : ownNameOf(conf("IPAddress")).substr(0, DG2::kNameSize));
     SetControllerAddress(mCtrlText);
     SetDestinationText(mKind == Kind::Identity ? mIdentity : mCtrlText);
     mHostFailReported = false;
