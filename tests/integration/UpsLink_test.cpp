@@ -83,10 +83,9 @@ protected:
 // which must not reach the configuration file as a command to run.
 TEST_F(UpsLink, FaultsLoseTheLinkOnceEachAndASplitReplyNothing)
 {
-    startController({"--cap-speeds", "9600", "--outlets", "0", "--model", "SimUPS\\r\\nAppTermCommand1=echo injected"},
-                    "UPSFirmWare=\nUPSSerial=\nModelName=\nWinkTime1=600\nAppTermCommand1=true\n");
-    if (HasFatalFailure())
-        return;
+    ASSERT_NO_FATAL_FAILURE(startController({"--cap-speeds", "9600", "--outlets", "0", "--model",
+                                             "SimUPS\\r\\nAppTermCommand1=echo injected"},
+                                            "UPSFirmWare=\nUPSSerial=\nModelName=\nWinkTime1=600\nAppTermCommand1=true\n"));
     const std::string ini = readFile(home + "Kestrava.ini");
     EXPECT_NE(std::string::npos, ini.find("UPSFirmWare= 2.15(230-KS)\nUPSSerial= KS15SIM000000001\nModelName=\n"))
         << ini;
@@ -105,11 +104,9 @@ TEST_F(UpsLink, FaultsLoseTheLinkOnceEachAndASplitReplyNothing)
     EXPECT_TRUE(pollsInOrder(mark, 1));
 
     auto log = frameLog();
-    int split = -1;
-    for (size_t i = mark; i < log.size(); ++i)
-        if (log[i].kind == "NOTE" && log[i].text.find("reply split") != std::string::npos)
-            split = static_cast<int>(i);
-    EXPECT_GE(split, 0) << "the split reply was never played";
+    EXPECT_TRUE(std::any_of(log.begin() + mark, log.end(), [](const FrameLine& l) {
+        return l.kind == "NOTE" && l.text.find("reply split") != std::string::npos;
+    })) << "the split reply was never played";
 
     ASSERT_NO_FATAL_FAILURE(loseAndRecover("fault silent 2"));
     mark = frameLog().size();

@@ -22,11 +22,13 @@ std::string req(int msg, const std::string& to, int body, int result = DG2::kRes
     return DG2Describe(m);
 }
 
-// Answers every request in turn until the exchange ends; the requests seen.
-Ints runExchange(Rig& r, const DG2MessageType& registration, const std::string& addr, const std::string& answerFrom)
+// Answers every request in turn (the settings with a body unless `zeroBodies`)
+// until the exchange ends; the requests seen.
+Ints runExchange(Rig& r, const DG2MessageType& registration, const std::string& addr, const std::string& answerFrom,
+                 int port = 3069, bool zeroBodies = false)
 {
     Ints seen;
-    r.receive(registration, addr, 3069);
+    r.receive(registration, addr, port);
     for (int guard = 0; guard < 10; ++guard) {
         int request = -1;
         for (const IPC_DATA_REC& rec : r.transmit())
@@ -35,8 +37,8 @@ Ints runExchange(Rig& r, const DG2MessageType& registration, const std::string& 
         if (request < 0)
             break;
         seen.push_back(request);
-        r.receive(request == DG2::MsgSettings ? Rig::settingsAnswer(answerFrom, "memb-host")
-                                              : Rig::answer(request, answerFrom), addr, 3069);
+        r.receive(request == DG2::MsgSettings && !zeroBodies ? Rig::settingsAnswer(answerFrom, "memb-host")
+                                                             : Rig::answer(request, answerFrom), addr, port);
     }
     return seen;
 }
@@ -63,10 +65,8 @@ TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
               req(0, "127.0.0.5", 497) + " " + std::to_string(IPC_DST_REPLY));
     DG2Settings s;
     ASSERT_TRUE(DG2UnpackSettings(out[1].msg, &s));
-    EXPECT_EQ(s.hostName + "|" + s.groupName + "|" + std::to_string(s.port) + "|" + std::to_string(s.shutdownDelay) +
-                  "|" + std::to_string(s.countdownTime) + "|" + std::to_string(s.winkTime) + "|" +
-                  std::to_string(s.appEndTime) + "|" + s.runCommand,
-              "127.0.0.1|rack-3|3052|120|5|30|60|/bin/true");
+    EXPECT_EQ(s.hostName + "|" + s.groupName + "|" + s.runCommand, "127.0.0.1|rack-3|/bin/true");
+    EXPECT_EQ(Ints({s.port, s.shutdownDelay, s.countdownTime, s.winkTime, s.appEndTime}), Ints({3052, 120, 5, 30, 60}));
 
     r.receive(Rig::settingsAnswer("127.0.0.5", "memb-host"), "127.0.0.5", 3069);
     out = r.transmit();
@@ -87,13 +87,11 @@ TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
     DG2PowerReportBody p;
     ASSERT_TRUE(out.size() == 1 && DG2UnpackPowerReport(out[0].msg, &p));
     EXPECT_EQ(out[0].ret.limit, 0);
-    EXPECT_EQ(p.restarted, 1) << "first report after start";
-    EXPECT_EQ(p.reportTime, int32_t(r.clock.now()));
+    EXPECT_EQ(Ints({p.restarted, p.reportTime}), Ints({1, int32_t(r.clock.now())})) << "first report after start";
 
     r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
     EXPECT_TRUE(r.sent().empty());
-    EXPECT_EQ(r.member("127.0.0.5").status, MembActive);
-    EXPECT_EQ(r.commErrTimerLeft(r.slotOf("127.0.0.5")), 90);
+    EXPECT_EQ(Ints({r.member("127.0.0.5").status, r.commErrTimerLeft(r.slotOf("127.0.0.5"))}), Ints({MembActive, 90}));
     EXPECT_TRUE(r.replyTimers().empty()) << "every answer ended the time-out that waited for it";
     // Its answer to a power report sent to all members ends that report's time-out.
     r.event(EvSendUpsStatus);
@@ -186,20 +184,9 @@ TEST(IpcCTrlCThRefused, BadValuesOutOfSequenceAnswersAndForeignAddressesChangeNo
 
     // A member that leaves every body zero (the bodies' fields are ours)
     // still walks the whole exchange, reached at the port it sent from.
-    r.receive(Rig::fromMember(DG2::MsgRegister, "127.0.0.7").msg(), "127.0.0.7", 3071);
-    std::vector<int> seen;
-    for (int step = 0; step < 6; ++step) {
-        int request = -1;
-        for (const IPC_DATA_REC& rec : r.transmit())
-            request = rec.msg.result == DG2::kResultRequest ? rec.msg.msgNo : request;
-        if (request < 0)
-            break;
-        seen.push_back(request);
-        r.receive(Rig::answer(request, "127.0.0.7"), "127.0.0.7", 3071);
-    }
-    EXPECT_EQ(seen, (std::vector<int>{0, 181, 140, 141}));
-    EXPECT_EQ(r.member("127.0.0.7").status, MembActive);
-    EXPECT_EQ(r.member("127.0.0.7").port, 3071);
+    EXPECT_EQ(runExchange(r, Rig::fromMember(DG2::MsgRegister, "127.0.0.7").msg(), "127.0.0.7", "127.0.0.7", 3071, true),
+              Ints({0, 181, 140, 141}));
+    EXPECT_EQ(Ints({r.member("127.0.0.7").status, r.member("127.0.0.7").port}), Ints({MembActive, 3071}));
 
     // Out of sequence: the member's exchange is reset and its time-outs cancelled.
     const size_t others = r.replyTimers().size(); // the request still waiting for 127.0.0.9
@@ -232,8 +219,7 @@ TEST(IpcCTrlCThLeave, ApplicationEndDeactivatesAndUninstallFromTheMemberItselfFo
     r.receive(Rig::fromMember(DG2::MsgAppEnd, "127.0.0.5")
                   .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(),
               "127.0.0.5", 3069);
-    EXPECT_EQ(r.member("127.0.0.5").status, MembNotActive);
-    EXPECT_EQ(r.commErrTimerLeft(slot), -1);
+    EXPECT_EQ(Ints({r.member("127.0.0.5").status, r.commErrTimerLeft(slot)}), Ints({MembNotActive, -1}));
     EXPECT_TRUE(r.sent().empty());
 
     const DG2MessageType uninstall =
