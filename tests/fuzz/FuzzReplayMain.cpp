@@ -18,13 +18,11 @@ int main(int argc, char** argv)
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::error_code ec;
-        if (fs::is_directory(argv[i], ec)) {
-            for (const fs::directory_entry& e : fs::directory_iterator(argv[i]))
-                if (e.is_regular_file())
-                    inputs.push_back(e.path());
-        } else {
+        if (!fs::is_directory(argv[i], ec))
             inputs.emplace_back(argv[i]);
-        }
+        for (const fs::directory_entry& e : fs::directory_iterator(argv[i], ec))
+            if (e.is_regular_file())
+                inputs.push_back(e.path());
     }
     std::sort(inputs.begin(), inputs.end());
     if (inputs.empty()) {

@@ -132,7 +132,7 @@ TEST_F(XcpDetectTest, CapabilitiesStepUpToTheFastestHigherSpeed)
     EXPECT_EQ(0, offer({2400, 9600, 19200}));
     EXPECT_EQ("AB 02 42 00", P::hex(port.writes.at(0).substr(0, 4)));
     EXPECT_EQ(1u, port.framesWithCode(0x98).size());
-    EXPECT_EQ(std::make_pair(19200, 12), std::make_pair(port.getSpeed(), link->maxCommandLength()));
+    EXPECT_EQ(std::make_pair(19200, 12), std::make_pair(port.getSpeed(), int(link->maxCommandLength())));
     EXPECT_EQ(0, offer({2400, 9600}));  // nothing higher: nothing tried
     EXPECT_TRUE(port.framesWithCode(0x98).empty());
     port.queueReply(0x98, "");  // an unacknowledged step-up still switches
