@@ -1,8 +1,7 @@
-// libFuzzer target of the configuration file reader: any bytes, written as
-// "Kestrava.ini", are loaded, saved in place and loaded again. Loading must
-// never keep a line break in a key or value, a save of unchanged values must
-// not change what a reload finds (when no key repeats), a save never adds a
-// key, and a changed plain value survives its save and reload.
+// libFuzzer target of the configuration reader: any bytes as "Kestrava.ini",
+// loaded, saved and reloaded. No line break stays in a key or value, a save
+// of unchanged values changes no reloaded value (when no key repeats) and
+// adds no key, and a changed plain value survives save and reload.
 #include <cctype>
 #include <cstddef>
 #include <cstdint>

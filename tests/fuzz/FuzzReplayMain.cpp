@@ -1,6 +1,5 @@
-// Replays a fuzz target's corpus without libFuzzer: every file of the
-// directories (or the files) given is handed to LLVMFuzzerTestOneInput once,
-// in name order. A target that finds a fault aborts, so the run fails.
+// Replays a fuzz corpus without libFuzzer: each given file, and each file of
+// each given directory, goes to LLVMFuzzerTestOneInput once in name order.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

@@ -1,10 +1,7 @@
-// The controller's side of the coordination network end to end: the real
-// daemon as a controller on the UPS simulator, and shutdown members played
-// by the test over UDP on the loopback (ScriptedMember). Members register
-// by host name and by identity and are walked through the exchange of
-// settings, shutdown timing, access code and power report; a UPS alarm
-// reaches them as a power report; silent members see their requests
-// repeated and are marked "Comm Fail"; bad datagrams change nothing.
+// The controller's side of the network end to end: the real daemon on the UPS
+// simulator, members played over loopback UDP (ScriptedMember): registration
+// by name and identity, alarms as power reports, repetitions, "Comm Fail",
+// and bad datagrams that change nothing.
 #include <gtest/gtest.h>
 
 #include <csignal>

@@ -1,7 +1,6 @@
-// A power failure end to end, the real daemon against the UPS simulator in
-// a DaemonSandbox: utility lost (alarm 59) leads through the wink and a
-// one-minute countdown to the UPS's delayed power-off, the termination
-// command and the host shutdown; power back during the countdown cancels it.
+// A power failure end to end (DaemonSandbox): utility lost (alarm 59) leads
+// through wink and a one-minute countdown to the UPS's delayed power-off,
+// the termination command and the host shutdown; power back cancels it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
