@@ -54,11 +54,7 @@ int connectTo(int port)
     sockaddr_in addr{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     struct timeval limit = {5, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ? fd : (close(fd), -1);
 }
 
 CUIMSGINFO record(int command, const char* key = "", const char* value = "")
@@ -80,10 +76,7 @@ int ask(int fd, const CUIMSGINFO& rec)
         return -1;
     return answer.command;
 }
-int ask(int fd, int command, const char* key = "", const char* value = "")
-{
-    return ask(fd, record(command, key, value));
-}
+int ask(int fd, int command, const char* key = "", const char* value = "") { return ask(fd, record(command, key, value)); }
 
 class CuiIFThTest : public ::testing::Test {
 protected:
