@@ -59,7 +59,8 @@ TEST_F(XcpLinkTest, PortOpenSetsUpTheConfiguredDevice)
     EXPECT_EQ(7, link->portDescriptor());
 
     port.openResult = -1;
-    EXPECT_EQ(std::make_pair(0, -1), std::make_pair(link->portOpen(), link->portDescriptor()));
+    EXPECT_EQ(0, link->portOpen());
+    EXPECT_EQ(-1, link->portDescriptor());
     port.openResult = 7;
     port.rawFails = true;
     EXPECT_EQ(0, link->portOpen());
@@ -85,7 +86,8 @@ TEST_F(XcpLinkTest, FramesCarryLengthAndChecksumWithinTheLimit)
     EXPECT_EQ(8u, port.writes.at(2).size());
     link->commandBuffer() += P::bytes({0x97, 1, 2, 3, 4, 5});
     EXPECT_EQ(2, link->communicateUps(&reply));
-    EXPECT_EQ(std::make_pair(size_t(3), size_t(1)), std::make_pair(port.writes.size(), link->commandBuffer().size()));
+    EXPECT_EQ(3u, port.writes.size());
+    EXPECT_EQ(1u, link->commandBuffer().size());
     port.shortWriteBy = 1;
     EXPECT_EQ(3, exchange(0x33, &reply));
 }
