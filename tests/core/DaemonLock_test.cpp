@@ -35,9 +35,11 @@ std::string lockPath(const std::string& name) { return gPaths.dir + "/LCK.." + n
 
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// Runs fn in a child (at most 10 s); its exit status and standard error.
-template <typename Fn>
-ChildRun inChild(Fn fn) { return runChild(gPaths.dir, fn, 10); }
+// Takes the lock of a device in a child (at most 10 s): its exit status and output.
+ChildRun lockInChild(const char* device)
+{
+    return runChild(gPaths.dir, [device] { ttysLock(device); dprintf(1, "%d\n", getpid()); }, 10);
+}
 
 // Pid as the lock file's text: "%d\n", padded when it would be exactly four
 // bytes long (four bytes are read as the binary lock format).
@@ -55,9 +57,9 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
     ASSERT_EQ(SystemPaths::lockDir(), gPaths.dir);
     ASSERT_EQ(SystemPaths::pidFile(), kPidFile);
     std::string probe = gPaths.dir + "/pid-probe";
-    EXPECT_EQ(read_pid(probe.c_str()), 0) << "missing file";
+    const int missing = read_pid(probe.c_str());
     writeFile(probe, "  4321\nrest");
-    EXPECT_EQ(read_pid(probe.c_str()), 4321);
+    EXPECT_EQ(std::make_pair(missing, 4321), std::make_pair(0, read_pid(probe.c_str())));
     writeFile(probe, textPid(getpid()));
     EXPECT_EQ(check_pid(probe.c_str()), 0) << "the caller itself does not count as running";
 
@@ -73,24 +75,21 @@ TEST(DaemonLock, LockIsTakenWithOwnPidAndRefusedToOthers)
     // naming no positive pid; a dead owner's lock is taken over.
     for (const std::string& content : {textPid(getpid()), binaryPid(getpid()), std::string("0\n"), std::string()}) {
         writeFile(lock, content);
-        ChildRun r = inChild([] { ttysLock("ttyA0"); });
-        EXPECT_EQ(r.status, 255) << "content '" << content << "'";
-        EXPECT_EQ(r.err, "Device ttyA0 is locked.\n") << "content '" << content << "'";
+        ChildRun r = lockInChild("ttyA0");
+        EXPECT_EQ(std::to_string(r.status) + " " + r.err, "255 Device ttyA0 is locked.\n") << "content '" << content << "'";
         EXPECT_EQ(readFile(lock), content);
     }
     const int32_t dead = deadPid();
     for (const std::string& content : {textPid(dead), binaryPid(dead)}) {
         writeFile(lock, content);
-        ChildRun r = inChild([] { ttysLock("ttyA0"); dprintf(1, "%d\n", getpid()); });
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(readFile(lock), r.out) << "content of " << content.size() << " bytes";
+        ChildRun r = lockInChild("ttyA0");
+        EXPECT_EQ(std::to_string(r.status) + " " + readFile(lock), "0 " + r.out) << "content of " << content.size() << " bytes";
     }
     unlink(lock.c_str());
 
     // A lock that cannot be created (no such directory) ends the process too.
-    ChildRun r = inChild([] { ttysLock("nodir/ttyC2"); });
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err, "You cannot use device.\nCheck other device." + lockPath("nodir/ttyC2"));
+    ChildRun r = lockInChild("nodir/ttyC2");
+    EXPECT_EQ(std::to_string(r.status) + " " + r.err, "255 You cannot use device.\nCheck other device." + lockPath("nodir/ttyC2"));
 }
 
 TEST(DaemonLock, UnlockRemovesPidFileAndOnlyTheNamedLock)

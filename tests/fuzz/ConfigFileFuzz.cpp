@@ -1,26 +1,25 @@
-// libFuzzer target of the configuration file reader: any bytes, written as
-// "Kestrava.ini", are loaded, saved in place and loaded again. Loading must
-// never keep a line break in a key or value, a save of unchanged values must
-// not change what a reload finds (when no key repeats), a save never adds a
-// key, and a changed plain value survives its save and reload.
+// libFuzzer target of the configuration reader: any bytes as "Kestrava.ini",
+// loaded, saved and reloaded. No line break stays in a key or value, a save
+// of unchanged values changes no reloaded value (when no key repeats) and
+// adds no key, and a changed plain value survives save and reload.
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "config/FileMap.h"
 #include "tests/fakes/TempDir.h"
 
 namespace {
-std::map<std::string, std::string> entries(FileMap& map, const std::map<std::string, std::string>& keys)
+using Entries = std::map<std::string, std::string>;
+
+Entries entries(FileMap& map, const Entries& keys)
 {
-    std::map<std::string, std::string> out;
+    Entries out;
     for (const auto& k : keys)
         out[k.first] = map.getConf(k.first);
     return out;
@@ -42,45 +41,18 @@ std::vector<std::string> pairKeys(const std::string& text)
 
 bool isPlainKey(const std::string& key)
 {
-    if (key.empty())
-        return false;
     for (char c : key)
         if (!isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '%' && c != '.')
             return false;
-    return true;
-}
-
-// A private directory for the file, in memory where possible (the file is
-// rewritten several times per input), removed with it when the process ends.
-struct Scratch {
-    std::string dir, file;
-    Scratch()
-    {
-        char shm[] = "/dev/shm/kestrava-fuzz-config.XXXXXX", tmp[] = "/tmp/kestrava-fuzz-config.XXXXXX";
-        char* name = mkdtemp(shm) ? shm : mkdtemp(tmp);
-        if (!name)
-            abort();
-        dir = name;
-        file = dir + "/Kestrava.ini";
-    }
-    ~Scratch()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(dir, ec);
-    }
-};
-
-const std::string& scratchFile()
-{
-    static Scratch scratch;
-    return scratch.file;
+    return !key.empty();
 }
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    const std::string& path = scratchFile();
+    // One private directory for the run, removed when the process ends.
+    static TempDir scratch("kestrava-fuzz-config.");
+    const std::string text(reinterpret_cast<const char*>(data), size), path = scratch.file("Kestrava.ini");
     if (!writeFile(path, text))
         abort();
 
@@ -90,13 +62,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // What the load stored, read through a second map so that the reads
     // create no entries in the first.
     const std::vector<std::string> keys = pairKeys(text);
-    std::map<std::string, std::string> loaded;
+    Entries loaded;
     for (const std::string& k : keys)
         loaded[k];
-    {
-        FileMap probe(path);
-        loaded = entries(probe, loaded);
-    }
+    FileMap probe(path);
+    loaded = entries(probe, loaded);
     for (const auto& kv : loaded)
         if (kv.first.find('\n') != std::string::npos || kv.second.find('\n') != std::string::npos)
             __builtin_trap();
@@ -104,19 +74,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (map.save() != 1)
         __builtin_trap();
     FileMap again(path);
-    const std::map<std::string, std::string> reloaded = entries(again, loaded);
-    if (keys.size() == loaded.size() && reloaded != loaded)
+    if (keys.size() == loaded.size() && entries(again, loaded) != loaded)
         __builtin_trap();
 
-    // A plain new value for the first key with a plain name survives save
-    // and reload.
+    // A plain new value for the first key with a plain name survives save and reload.
     if (!loaded.empty() && isPlainKey(loaded.begin()->first)) {
-        const std::string key = loaded.begin()->first;
-        const std::string value = "v" + std::to_string(size);
+        const std::string key = loaded.begin()->first, value = "v" + std::to_string(size);
         map.setConf(key, value);
         map.save();
-        FileMap last(path);
-        if (last.getConf(key) != value)
+        if (FileMap(path).getConf(key) != value)
             __builtin_trap();
     }
     return 0;

@@ -1,10 +1,8 @@
-// libFuzzer target of a controller's receive path: any bytes as one
-// received datagram go through the transport's check (controller role) and,
-// when accepted, through the controller protocol: from a member in the
-// middle of its exchange, then from an address the table does not know.
-// Whatever comes in, every member in the table has a clean ID and a dotted
-// address, the member file keeps its four lines per member, and everything
-// the protocol queues is a well-formed datagram of this controller.
+// libFuzzer target of a controller's receive path: any bytes as a datagram,
+// through the receive check and the controller protocol (from a member in its
+// exchange, then from a stranger). Members keep clean IDs and dotted
+// addresses, the member file four lines each, and every queued datagram is
+// a well-formed one of this controller.
 #include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
@@ -17,8 +15,7 @@ namespace {
 
 ControllerProtocolRig& rig()
 {
-    // One rig for the run (its files live in its own temporary directory,
-    // removed at exit); each input starts from an empty member table.
+    // One rig (and temporary directory) for the run; each input starts from an empty member table.
     static ControllerProtocolRig r;
     return r;
 }

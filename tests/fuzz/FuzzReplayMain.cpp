@@ -1,6 +1,5 @@
-// Replays a fuzz target's corpus without libFuzzer: every file of the
-// directories (or the files) given is handed to LLVMFuzzerTestOneInput once,
-// in name order. A target that finds a fault aborts, so the run fails.
+// Replays a fuzz corpus without libFuzzer: each given file, and each file of
+// each given directory, goes to LLVMFuzzerTestOneInput once in name order.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -18,13 +17,11 @@ int main(int argc, char** argv)
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::error_code ec;
-        if (fs::is_directory(argv[i], ec)) {
-            for (const fs::directory_entry& e : fs::directory_iterator(argv[i]))
-                if (e.is_regular_file())
-                    inputs.push_back(e.path());
-        } else {
+        if (!fs::is_directory(argv[i], ec))
             inputs.emplace_back(argv[i]);
-        }
+        for (const fs::directory_entry& e : fs::directory_iterator(argv[i], ec))
+            if (e.is_regular_file())
+                inputs.push_back(e.path());
     }
     std::sort(inputs.begin(), inputs.end());
     if (inputs.empty()) {

@@ -1,12 +1,8 @@
-// libFuzzer target of the UPS identification at detection: the serial
-// plug-and-play handshake text, the identification reply that follows it
-// (0xA0, or "1" for a UPS whose text names protocol "2") and the parse of
-// the identification block into the UPS data.
-//
-// Input: byte 0 is the length of the plug-and-play text; byte 1 holds in
-// its low six bits the size of the pieces the identification reply arrives
-// in, and in bit 6 whether 0xA0 is answered without a start byte (so that
-// only "1" gets the reply); then the text, then the reply.
+// libFuzzer target of the UPS identification at detection: the plug-and-play
+// text, the identification reply (0xA0, or "1" for protocol "2") and the
+// identification block parser. Input: byte 0 the text length; byte 1 the
+// reply's piece size (low six bits) and in bit 6 whether 0xA0 gets a reply
+// without a start byte (so only "1" gets the reply); the text; the reply.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,36 +15,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     XcpLinkRig rig;
     rig.wire();
-    XcpIFTh& link = *rig.link;
-    UpsDataBlock& ups = *rig.ups;
-    ScriptedSerialPort& port = rig.port;
 
     const size_t textLength = std::min<size_t>(data[0], size - 2);
     const std::string text(reinterpret_cast<const char*>(data + 2), textLength);
     const std::string reply(reinterpret_cast<const char*>(data + 2 + textLength), size - 2 - textLength);
 
-    port.dsrFollowsDtr = true;
-    port.pnpText = text;
-    ScriptedSerialPort::Reply answer;
-    answer.bytes = reply;
-    answer.chunk = data[1] & 0x3F;
+    rig.port.dsrFollowsDtr = true;
+    rig.port.pnpText = text;
+    const ScriptedSerialPort::Reply answer{reply, 0, data[1] & 0x3F};
     if (data[1] & 0x40)
-        port.queueReply(0xA0, std::string(1, '\x01'));
+        rig.port.queueReply(0xA0, std::string(1, '\x01'));
     else
-        port.queueReply(0xA0, answer);
-    port.queueReply(0x31, answer);
-    link.portOpen();
+        rig.port.queueReply(0xA0, answer);
+    rig.port.queueReply(0x31, answer);
+    rig.link->portOpen();
 
-    const int r = link.plugAndPlay();
-    if (link.commandBuffer().size() != 1 || r < 0 || r > 9 || (r == 0 && link.currentBaudrate() != 1200))
+    const int r = rig.link->plugAndPlay();
+    if (rig.link->commandBuffer().size() != 1 || r < 0 || r > 9 || (r == 0 && rig.link->currentBaudrate() != 1200))
         __builtin_trap();
 
     // The parser on its own, on the raw bytes, twice (a second
     // identification replaces the first).
-    ups.setStandardIDBlock(reply);
-    ups.setStandardIDBlock(text);
-    if (ups.getUnitName().size() > 255 || ups.getFirmware().empty())
+    rig.ups->setStandardIDBlock(reply);
+    rig.ups->setStandardIDBlock(text);
+    if (rig.ups->getUnitName().size() > 255 || rig.ups->getFirmware().empty())
         __builtin_trap();
-    ups.getSerielNo();
+    rig.ups->getSerielNo();
     return 0;
 }

@@ -1,10 +1,7 @@
-// libFuzzer target of the UPS link's reply handling: arbitrary bytes arrive
-// (in arbitrary pieces) as the reply to a block request or command, go
-// through the frame walk and the block's parser, and are also handed to
-// every block parser and the alarm tracking directly.
-//
-// Input: byte 0 picks the request, byte 1 the size of the pieces the reply
-// arrives in, the rest is the reply.
+// libFuzzer target of the UPS link's reply handling: any bytes, in any
+// pieces, as the reply to a request or command, through the frame walk and
+// every block parser and the alarm tracking. Input: byte 0 picks the
+// request, byte 1 the piece size, the rest is the reply.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -48,44 +45,37 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     XcpLinkRig rig;
     rig.wire();
-    XcpIFTh& link = *rig.link;
-    UpsDataBlock& ups = *rig.ups;
-    ScriptedSerialPort& port = rig.port;
 
     const unsigned char code = kCodes[data[0] % sizeof kCodes];
     const std::string bytes(reinterpret_cast<const char*>(data + 2), size - 2);
 
-    link.portOpen();
-    link.setMaxCommandLength(64);
+    rig.link->portOpen();
+    rig.link->setMaxCommandLength(64);
 
     // A first identification gives the parsers a meter map and lengths.
-    ups.setStandardIDBlock(bytes);
+    rig.ups->setStandardIDBlock(bytes);
 
-    ScriptedSerialPort::Reply reply;
-    reply.bytes = bytes;
-    reply.chunk = data[1] % 40;
-    reply.gapMs = 50 * (data[1] / 40);
-    port.queueReply(code, reply);
-    request(link, code);
-    if (link.commandBuffer().size() != 1)
+    rig.port.queueReply(code, ScriptedSerialPort::Reply{bytes, 0, data[1] % 40, 50 * (data[1] / 40)});
+    request(*rig.link, code);
+    if (rig.link->commandBuffer().size() != 1)
         __builtin_trap();
 
-    ups.setConfigBlock(bytes);
-    ups.setExtendedLimitsBlock(bytes);
-    ups.setUpsTopology(bytes);
-    ups.setOutlets(bytes);
-    ups.setMeters(bytes);
-    ups.setUpsStatus(bytes);
-    ups.setBatteryData(bytes);
-    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
-    ups.setActionLevel(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
-    ups.checkAlarm(0);
-    ups.checkAlarm(1);
-    ups.getAlertDiffTime(1);
-    ups.getMeterMessage();
-    ups.getFirmware();
+    rig.ups->setConfigBlock(bytes);
+    rig.ups->setExtendedLimitsBlock(bytes);
+    rig.ups->setUpsTopology(bytes);
+    rig.ups->setOutlets(bytes);
+    rig.ups->setMeters(bytes);
+    rig.ups->setUpsStatus(bytes);
+    rig.ups->setBatteryData(bytes);
+    rig.ups->setAlarmNo(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
+    rig.ups->setActionLevel(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), 1);
+    rig.ups->checkAlarm(0);
+    rig.ups->checkAlarm(1);
+    rig.ups->getAlertDiffTime(1);
+    rig.ups->getMeterMessage();
+    rig.ups->getFirmware();
     _NOTIFYMSGINFO nt;
-    link.checkNotify(&nt);
+    rig.link->checkNotify(&nt);
     if (nt.count < 5 || nt.count > 256)
         __builtin_trap();
     return 0;

@@ -1,7 +1,6 @@
-// A power failure end to end, the real daemon against the UPS simulator in
-// a DaemonSandbox: utility lost (alarm 59) leads through the wink and a
-// one-minute countdown to the UPS's delayed power-off, the termination
-// command and the host shutdown; power back during the countdown cancels it.
+// A power failure end to end (DaemonSandbox): utility lost (alarm 59) leads
+// through wink and a one-minute countdown to the UPS's delayed power-off,
+// the termination command and the host shutdown; power back cancels it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -59,9 +58,7 @@ protected:
     {
         size_t mark = frameLog().size();
         EXPECT_TRUE(simCommand("alarm set 59"));
-        if (!waitFor([&] { return findTaken(frameLog(), "35", mark) >= 0; }, 30))
-            return 0;
-        return time(nullptr);
+        return waitFor([&] { return findTaken(frameLog(), "35", mark) >= 0; }, 30) ? time(nullptr) : 0;
     }
 
     std::string appRuns, shutdownRuns;
@@ -78,8 +75,8 @@ TEST_F(PowerFailure, PowerBackCancelsTheCountdownAndTheNextLossEndsInPowerOffAnd
     std::this_thread::sleep_until(std::chrono::system_clock::from_time_t(reported + 80));
     EXPECT_LT(findTaken(frameLog(), "8A"), 0) << "the UPS was told to power off";
     EXPECT_TRUE(runTimes(appRuns).empty() && runTimes(shutdownRuns).empty());
-    EXPECT_TRUE(contains(eventLog(), "Power has been restored.")) << ::testing::PrintToString(eventLog());
-    EXPECT_TRUE(contains(readLines(home + "wall.txt"), "Power has been restored."));
+    EXPECT_TRUE(contains(eventLog(), "Power has been restored.") && contains(readLines(home + "wall.txt"), "Power has been restored."))
+        << ::testing::PrintToString(eventLog());
 
     // Wink 2 s and one countdown minute, then the power-off after the authorisation.
     ASSERT_GT(raiseUtilityFailure(), 0) << "no poll after the alarm was raised again";
@@ -87,16 +84,14 @@ TEST_F(PowerFailure, PowerBackCancelsTheCountdownAndTheNextLossEndsInPowerOffAnd
     ASSERT_TRUE(waitFor([&] { return (off = findTaken(frameLog(), "8A")) >= 0; }, 120))
         << "no delayed power-off reached the UPS";
     auto log = frameLog();
-    EXPECT_EQ(log[off].text, kPowerOffFrame);
-    EXPECT_EQ(log[off - 1].text, kAuthFrame) << "the power-off was not preceded by the authorisation";
+    EXPECT_EQ(log[off - 1].text + " | " + log[off].text, std::string(kAuthFrame) + " | " + kPowerOffFrame)
+        << "the power-off must follow the authorisation";
 
     ASSERT_TRUE(waitFor([&] { return !runTimes(shutdownRuns).empty(); }, 30)) << "the host shutdown never ran";
     // Nothing runs twice; the host shutdown comes after the termination command.
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    auto app = runTimes(appRuns);
-    auto down = runTimes(shutdownRuns);
-    ASSERT_EQ(app.size(), 1u);
-    ASSERT_EQ(down.size(), 1u);
+    auto app = runTimes(appRuns), down = runTimes(shutdownRuns);
+    ASSERT_EQ(std::make_pair(app.size(), down.size()), std::make_pair(size_t(1), size_t(1)));
     EXPECT_LT(app[0], down[0]);
     log = frameLog();
     auto isOff = [](const FrameLine& l) { return l.taken() && l.code() == "8A"; };

@@ -26,13 +26,9 @@ DG2MessageType received(const DG2Builder& b)
 DG2Settings settings()
 {
     DG2Settings s;
-    s.hostName = std::string(100, 'h');  // fills the field: no NUL on the wire
-    s.groupName = "group-1";
-    s.port = 3052;
-    s.shutdownDelay = 120;
-    s.winkTime = 99999999;
-    s.runCommand = std::string(127, 'c');
-    s.alertMode = 2;
+    s.hostName = std::string(100, 'h'); // fills the field: no NUL on the wire
+    s.groupName = "group-1", s.runCommand = std::string(127, 'c');
+    s.port = 3052, s.shutdownDelay = 120, s.winkTime = 99999999, s.alertMode = 2;
     return s;
 }
 
@@ -44,9 +40,7 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
     ASSERT_EQ(497u, body.size());
     EXPECT_EQ(std::string(100, 'h') + "group-1", body.substr(0, 107));
     EXPECT_EQ(std::string("3052\0\0", 6) + std::string("120\0\0\0\0\0", 8), body.substr(132, 14));
-    EXPECT_EQ("99999999", body.substr(154, 8));
-    EXPECT_EQ('\0', body[297]);  // the command keeps its NUL
-    EXPECT_EQ(2, body[298]);
+    EXPECT_EQ(std::string("99999999") + '\0' + '\2', body.substr(154, 8) + body.substr(297, 2)); // the command keeps its NUL
     DG2Settings back;
     ASSERT_TRUE(DG2UnpackSettings(received(b), &back));
     EXPECT_EQ(settings().hostName + settings().runCommand + "99999999",
@@ -76,19 +70,14 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
 TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
 {
     DG2_ShutdownTimming t{};
-    t.winkTime = 0x0102;
-    t.shutdownTime = 7;
-    t.appTermTimeOut = 0x0A0B;
-    t.shutdownDelay = 65535;
+    t.winkTime = 0x0102, t.shutdownTime = 7, t.appTermTimeOut = 0x0A0B, t.shutdownDelay = 65535, t.marker = 9;
     strcpy(t.appTermCommand, "/usr/local/bin/stop-db");
-    t.marker = 9;
     DG2Builder b(DG2::MsgShutdownTiming);
     b.pack([&](DG2MessageType* m) { return DG2PackShutdownTiming(m, t); });
     std::string body = wireBody(b);
     ASSERT_EQ(152u, body.size());
     EXPECT_EQ(std::string("\x02\x01\0\0\x07\0\0\0\x0B\x0A\xFF\xFF", 12), body.substr(0, 12));
-    EXPECT_EQ("/usr/local/bin/stop-db", body.substr(22, 22));
-    EXPECT_EQ(9, body[150]);
+    EXPECT_EQ("/usr/local/bin/stop-db|\x09", body.substr(22, 22) + "|" + body[150]);
     DG2_ShutdownTimming back;
     ASSERT_TRUE(DG2UnpackShutdownTiming(received(b), &back));
     EXPECT_EQ(0, memcmp(&t, &back, sizeof t));
@@ -104,18 +93,9 @@ TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
 TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
 {
     DG2PowerReportBody r{};
-    r.alarmMapLength = 2;
-    r.battery = 5;
-    r.utility = 3;
-    r.alarmMap[0] = 0x81;
-    r.alarmStates[1] = 1;
-    r.meters[0] = 0x01020304;
-    r.meters[255] = -2;
-    r.restarted = 1;
-    r.upsCommLost = 1;
-    r.outputOn = 1;
-    r.alertTime = 0x11223344;
-    r.reportTime = 0x55667788;
+    r.alarmMapLength = 2, r.battery = 5, r.utility = 3, r.alarmMap[0] = 0x81, r.alarmStates[1] = 1;
+    r.meters[0] = 0x01020304, r.meters[255] = -2;
+    r.restarted = 1, r.upsCommLost = 1, r.outputOn = 1, r.alertTime = 0x11223344, r.reportTime = 0x55667788;
     DG2Builder b(DG2::MsgPowerReport);
     b.pack([&](DG2MessageType* m) { return DG2PackPowerReport(m, r); });
     std::string body = wireBody(b);
@@ -167,7 +147,7 @@ TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
     EXPECT_EQ(pad32("id0001") + pad32("192.0.2.7") + std::string("3069\0\0", 6), wireBody(reg));
     DG2Address a;
     ASSERT_TRUE(DG2UnpackAddress(received(reg), &a));
-    EXPECT_EQ(3069, a.port);
+    EXPECT_EQ(a.memberId + " " + a.address + " " + std::to_string(a.port), "id0001 192.0.2.7 3069");
     DG2MessageType scratch{};
     EXPECT_EQ(-1, DG2PackAddress(&scratch, DG2::MsgUninstall, {"id", "192.0.2.7", 3069}));
     EXPECT_EQ(-1, DG2PackAddress(&scratch, DG2::MsgRegister, {"", "192.0.2.7", 70000}));
@@ -176,8 +156,8 @@ TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
     end.pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 3, std::string(40, 'n')}); });
     DG2AppEnd e;
     ASSERT_TRUE(DG2UnpackAppEnd(received(end), &e));
-    EXPECT_EQ(std::string(32, 'n'), e.senderName);  // cut to the field, terminated by the reader
-    EXPECT_EQ(3, e.value2);
+    EXPECT_EQ(std::string(32, 'n') + " 1 3", e.senderName + " " + std::to_string(e.value1) + " " + std::to_string(e.value2))
+        << "cut to the field, terminated by the reader";
 
     DG2Builder code(DG2::MsgAccessCode);
     code.pack([](DG2MessageType* m) { return DG2PackAccessCode(m, "8000"); });

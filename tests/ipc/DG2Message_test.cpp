@@ -121,19 +121,14 @@ TEST(DG2MessageTest, CheckReceivedDropsShortMisSizedUnknownAndForeignDatagrams)
     EXPECT_EQ(DG2Drop::DG2UnknownNumber, check(unknown, DG2Role::Controller));
 
     // Only a peer role's kinds are accepted, and only with the magic byte.
-    struct Case {
-        DG2Role role;
-        uint8_t magic;
-        uint16_t src, dst;
-        bool accepted;
-    } cases[] = {
+    const struct { DG2Role role; uint8_t magic; uint16_t src, dst; bool accepted; } cases[] = {
         {DG2Role::Controller, 0xD2, 17, 19, true}, {DG2Role::Controller, 0xD2, 17, 81, true},
         {DG2Role::Controller, 0xD2, 19, 19, false}, {DG2Role::Controller, 0xD2, 17, 113, false},
         {DG2Role::Controller, 0xD3, 17, 19, false}, {DG2Role::Member, 0xD2, 19, 17, true},
         {DG2Role::Member, 0xD2, 19, 113, true},     {DG2Role::Member, 0xD2, 17, 17, false},
         {DG2Role::Member, 0xD2, 19, 81, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const std::string wire = DG2Builder(DG2::MsgPowerReport).magic(c.magic).from("a", c.src).to("b", c.dst).wire();
         EXPECT_EQ(c.accepted ? DG2Drop::DG2Accepted : DG2Drop::DG2NotForUs, check(wire, c.role))
             << int(c.role) << " " << c.src << "->" << c.dst;

@@ -144,15 +144,28 @@ TEST(IpcCTrlThHeader, RequestsAndRepliesOnTheWire)
     EXPECT_EQ(DG2FieldText(rec.msg.dstName, 32), " ident-7") << "a source name with a leading blank: destination text";
 
     // A reply with awaited -1 arms no wait; one with an awaited message does,
-    // and never repeats the reply when it runs out.
+    // for the peer it answers, and never repeats the reply when it runs out.
     EXPECT_EQ(rec.ret.timeOut, 0);
     r.th.SetHandled(DG2Builder(181).from("memb-a", 17).to("ctrl-host", 19).msg());
     r.th.SendReply(181, 152, 0, 140, 30, 0);
     const int id = r.transmit(&rec);
     ASSERT_GT(id, 0);
+    int found = 0;
+    IPC_DATA_RET block = r.table.GetTimerInfo(id, &found);
+    EXPECT_EQ(DG2FieldText(block.peerName, 32) + " " + std::to_string(block.awaited), "memb-a 140");
     r.th.timeOut(id);
     EXPECT_EQ(r.table.sendQueued(), 0u);
     EXPECT_EQ(r.th.gaveUp, std::vector<int>{181});
+    // An own time-out starts a timer for the peer at hand; a stranger has no
+    // communication-error timer.
+    drainEvents(r.core);
+    const int own = r.th.SetTimeOut(181, 30);
+    EXPECT_EQ(drainDescribed(r.core), std::vector<std::string>{describe(eventRecord(
+                                          ThTimer, EvTimerStart, {own, int(r.clock.now()) + 30, 0, ThCtrlSlot0}))});
+    EXPECT_EQ(DG2FieldText(r.table.GetTimerInfo(own, &found).peerName, 32), "memb-a");
+    r.th.SetHandled(DG2Builder(129).from("stranger", 17).to("ctrl-host", 19).msg());
+    EXPECT_EQ(r.th.SetCommunicationErrorTimer() + r.th.CancelCommunicationErrorTimer(), 0);
+    EXPECT_TRUE(drainEvents(r.core).empty());
 
     // The member side addresses its configured controller (an own name of 40 characters is cut to the
     // 32-byte field) and replies 17 -> 19 to its destination text.
@@ -168,20 +181,4 @@ TEST(IpcCTrlThHeader, RequestsAndRepliesOnTheWire)
     m.th.SendReply(0, 497, 0, 181, 30, 0);
     ASSERT_EQ(m.table.getSdData(&rec), 1);
     EXPECT_EQ(DG2Describe(rec.msg), DG2Describe(DG2Builder(0).result(0).from("memb-alias", 17).to("10.0.0.1", 19).msg()));
-}
-
-TEST(IpcCTrlThTimers, TimeOutCarriesItsPeerAndAStrangerHasNoCommunicationErrorTimer)
-{
-    Rig r;
-    r.th.SetHandled(DG2Builder(141).from("memb-a", 17).to("ctrl-host", 19).msg());
-    const int id = r.th.SetTimeOut(181, 30);
-    EXPECT_EQ(drainDescribed(r.core), std::vector<std::string>{describe(eventRecord(
-                                          ThTimer, EvTimerStart, {id, int(r.clock.now()) + 30, 0, ThCtrlSlot0}))});
-    int found = 0;
-    IPC_DATA_RET block = r.table.GetTimerInfo(id, &found);
-    EXPECT_EQ(DG2FieldText(block.peerName, 32) + " " + std::to_string(block.awaited), "memb-a 181");
-
-    r.th.SetHandled(DG2Builder(129).from("stranger", 17).to("ctrl-host", 19).msg());
-    EXPECT_EQ(r.th.SetCommunicationErrorTimer() + r.th.CancelCommunicationErrorTimer(), 0);
-    EXPECT_TRUE(drainEvents(r.core).empty());
 }

@@ -74,14 +74,13 @@ TEST_F(MeterLogTest, EventTextsMeasurementsAndTheNoDataLine)
     // Communication lost, or no UPS data record: six "NoData" fields.
     // Communication up: the meter summary, at midnight in the new day's file.
     UpsDataBlock ups;
-    gUpsData = &ups;
     EVENTMSGINFO ev = meterEvent({});
-    ctrl.Set_State_UPS(3);
-    meter.writeLine(&ev, logDir, t);
-    ctrl.Set_State_UPS(2);
-    meter.writeLine(&ev, logDir, t + 1);
-    gUpsData = nullptr;
-    meter.writeLine(&ev, logDir, t + 2);
+    const std::pair<int, UpsDataBlock*> runs[] = {{3, &ups}, {2, &ups}, {2, nullptr}};
+    for (int i = 0; i < 3; ++i) {
+        ctrl.Set_State_UPS(runs[i].first);
+        gUpsData = runs[i].second;
+        meter.writeLine(&ev, logDir, t + i);
+    }
     const std::string noData = "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"\n";
     ASSERT_NE(ups.getMeterMessage() + "\n", noData);
     EXPECT_EQ(readFile(logDir + "20261113.vlg"),

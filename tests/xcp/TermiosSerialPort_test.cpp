@@ -53,8 +53,7 @@ TEST(TermiosSerialPortTest, RawLineOnAPseudoTerminal)
     for (const auto& rate : rates) {
         ASSERT_TRUE(port.setSpeed(rate.first));
         ASSERT_EQ(0, tcgetattr(fd, &t));
-        EXPECT_EQ(rate.second, cfgetospeed(&t)) << rate.first;
-        EXPECT_EQ(rate.first, port.getSpeed());
+        EXPECT_TRUE(rate.second == cfgetospeed(&t) && rate.first == port.getSpeed()) << rate.first;
     }
     port.setSpeed(57600);  // unknown rate: hang-up
     EXPECT_EQ(0, port.getSpeed());
@@ -75,10 +74,8 @@ TEST(TermiosSerialPortTest, RawLineOnAPseudoTerminal)
     EXPECT_FALSE(port.getModemStatus(&status));  // a pseudo-terminal has no modem lines
     port.flush();
     port.close();
-    EXPECT_FALSE(port.isOpen());
-    EXPECT_EQ(-1, port.read(buf, 4));
-    EXPECT_EQ(-1, port.write(frame, 4));
-    EXPECT_FALSE(port.setRTS(true));
+    EXPECT_FALSE(port.isOpen() || port.setRTS(true));
+    EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(port.read(buf, 4), port.write(frame, 4)));
     close(master);
 }
 } // namespace

@@ -63,11 +63,9 @@ TEST_F(XcpCommandTest, FramesCarryTheirArgumentsAfterAuthentication)
     EXPECT_EQ("AB 03 8A D0 01", body(port.writes.at(1)));
 
     port.writes.clear();
-    EXPECT_EQ(0, link->setUPSOn(0));
-    EXPECT_EQ(0, link->setUPSOn(2));
+    EXPECT_EQ(std::vector<int>({0, 0}), std::vector<int>({link->setUPSOn(0), link->setUPSOn(2)}));
     ASSERT_EQ(4u, port.writes.size());
-    EXPECT_EQ("AB 01 89", body(port.writes[1]));
-    EXPECT_EQ("AB 02 89 02", body(port.writes[3]));
+    EXPECT_EQ("AB 01 89 | AB 02 89 02", body(port.writes[1]) + " | " + body(port.writes[3]));
 
     port.writes.clear();
     link->setMaxCommandLength(16);
@@ -89,20 +87,17 @@ TEST_F(XcpCommandTest, RepliesMustEchoAndUnlistedCommandsAreSkipped)
 
     // A failed authentication stops the command.
     port.shortWriteBy = 1;
-    EXPECT_EQ(3, link->setUPSOn(1));
-    EXPECT_EQ(3, link->upsStop());
-    EXPECT_EQ(3, link->setCommunicationParameter(19200));
-    EXPECT_EQ(1u, port.framesWithCode(0x8A).size());  // the silent one above only
-    EXPECT_EQ(1u, port.framesWithCode(0x89).size());
-    EXPECT_TRUE(port.framesWithCode(0x98).empty());
+    EXPECT_EQ(std::vector<int>({3, 3, 3}),
+              std::vector<int>({link->setUPSOn(1), link->upsStop(), link->setCommunicationParameter(19200)}));
+    // Only the frames of the exchanges above.
+    EXPECT_EQ(std::vector<size_t>({1, 1, 0}), std::vector<size_t>({port.framesWithCode(0x8A).size(), port.framesWithCode(0x89).size(),
+                                                                    port.framesWithCode(0x98).size()}));
 
     // Unlisted commands are skipped, but the stop is always sent.
     port.shortWriteBy = 0;
     listCommands({0x31, 0xCF, 0x8A});
-    EXPECT_EQ(0, link->setUPSOn(1));
-    EXPECT_EQ(0, link->setScheduledUPSOnOff(1));
-    EXPECT_EQ(0, link->sendOutletParameter(1));
-    EXPECT_EQ(0, link->setCommunicationParameter(19200));
+    EXPECT_EQ(std::vector<int>({0, 0, 0, 0}), std::vector<int>({link->setUPSOn(1), link->setScheduledUPSOnOff(1),
+                                                                link->sendOutletParameter(1), link->setCommunicationParameter(19200)}));
     EXPECT_TRUE(port.writes.empty());
     EXPECT_NE(19200, port.getSpeed());
 

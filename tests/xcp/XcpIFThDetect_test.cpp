@@ -35,11 +35,7 @@ protected:
         wire();
         script.install(port);
     }
-    void forget()
-    {
-        port.writes.clear();
-        port.writeSpeeds.clear();
-    }
+    void forget() { port.writes.clear(), port.writeSpeeds.clear(); }
     // Speeds at which the escape byte was written (one per rate tried).
     Codes escapeSpeeds()
     {
@@ -62,8 +58,7 @@ TEST_F(XcpDetectTest, PlugAndPlay)
     port.pnpText = text;
     ASSERT_EQ(1, link->portOpen());
     EXPECT_EQ(0, link->plugAndPlay());
-    EXPECT_EQ(1200, port.getSpeed());
-    EXPECT_EQ(1200, link->currentBaudrate());
+    EXPECT_EQ(std::make_pair(1200, 1200), std::make_pair(port.getSpeed(), link->currentBaudrate()));
     EXPECT_EQ("Test UPS 1500", ups->getUnitName());
     EXPECT_EQ(Codes{0xA0}, port.codesWritten());  // identified without hunting
 
@@ -113,8 +108,7 @@ TEST_F(XcpDetectTest, CommandListCountMustMatch)
     script.commands = {0x31, 0x33};
     port.queueReply(0x40, P::reply(0x10, script.commandList()));
     EXPECT_EQ(0, link->commandListBlockRequest());
-    EXPECT_TRUE(link->isSupportCommand(0x33));
-    EXPECT_FALSE(link->isSupportCommand(0x34));
+    EXPECT_TRUE(link->isSupportCommand(0x33) && !link->isSupportCommand(0x34));
     // Unsupported block requests are skipped and count as success.
     const size_t writes = port.writes.size();
     EXPECT_EQ(0, link->standardMetersBlockRequest());
@@ -138,8 +132,7 @@ TEST_F(XcpDetectTest, CapabilitiesStepUpToTheFastestHigherSpeed)
     EXPECT_EQ(0, offer({2400, 9600, 19200}));
     EXPECT_EQ("AB 02 42 00", P::hex(port.writes.at(0).substr(0, 4)));
     EXPECT_EQ(1u, port.framesWithCode(0x98).size());
-    EXPECT_EQ(19200, port.getSpeed());
-    EXPECT_EQ(12, link->maxCommandLength());
+    EXPECT_EQ(std::make_pair(19200, 12), std::make_pair(port.getSpeed(), int(link->maxCommandLength())));
     EXPECT_EQ(0, offer({2400, 9600}));  // nothing higher: nothing tried
     EXPECT_TRUE(port.framesWithCode(0x98).empty());
     port.queueReply(0x98, "");  // an unacknowledged step-up still switches
@@ -157,8 +150,8 @@ TEST_F(XcpDetectTest, DetectionRunsTheStepsRecordsTheIdentityAndStopsAtFailures)
                             0xCF, 0x97, 0xCF, 0x97,                      // outlet parameters
                             0xCF, 0x93, 0xCF, 0x89, 0xCF, 0x93, 0xCF, 0x89};
     EXPECT_EQ(expected, port.codesWritten());
-    EXPECT_EQ("AB 05 97 02 01 00 00", P::hex(port.framesWithCode(0x97).at(0).substr(0, 7)));
-    EXPECT_EQ("AB 05 97 02 02 00 00", P::hex(port.framesWithCode(0x97).at(1).substr(0, 7)));
+    for (int outlet : {1, 2})
+        EXPECT_EQ("AB 05 97 02 0" + std::to_string(outlet) + " 00 00", P::hex(port.framesWithCode(0x97).at(outlet - 1).substr(0, 7)));
 
     const std::string ini = home.read("Kestrava.ini");
     for (const char* line : {"UPSFirmWare= 2.15(230-KS)", "UPSSerial= SN-0042", "ModelName= Test UPS 1500", "# test"})

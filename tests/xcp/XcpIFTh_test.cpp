@@ -31,7 +31,8 @@ protected:
         link->commStart();
         return drainDescribed(*ctrl);
     }
-    // Runs one link event; true when it (re)started the timer with that id.
+    // Runs one link event; true when it (re)started the timer with that id
+    // (1: detect again, 2: poll).
     bool runStarts(int event, int timerId)
     {
         for (const std::string& e : run(event))
@@ -46,10 +47,8 @@ TEST_F(XcpLinkTest, PortOpenSetsUpTheConfiguredDevice)
     // Nothing goes out on a closed port; the port alert is raised.
     std::string reply;
     link->commandBuffer().push_back(0x33);
-    EXPECT_EQ(1, link->sendCommand());
-    EXPECT_EQ(1, ups->portAlert());
-    EXPECT_EQ(1, link->recvData(&reply));
-    EXPECT_EQ(1, link->sendCommand("\x1b", 1));
+    const int sent = link->sendCommand(), alert = ups->portAlert();
+    EXPECT_EQ(std::vector<int>({1, 1, 1, 1}), std::vector<int>({sent, alert, link->recvData(&reply), link->sendCommand("\x1b", 1)}));
     EXPECT_TRUE(port.writes.empty());
 
     EXPECT_EQ(1, link->portOpen());
@@ -99,7 +98,7 @@ TEST_F(XcpLinkTest, RepliesAreCheckedFrameByFrame)
     port.queueReply(0x34, P::frame(4, 0x01, "abc") + P::frame(4, 0x02, "de") + P::frame(4, 0x83, "f"));
     EXPECT_EQ(0, exchange(0x34, &reply));
     EXPECT_EQ("abcdef", reply);
-    EXPECT_EQ(1u, link->commandBuffer().size());
+    EXPECT_EQ(1u, link->commandBuffer().size()); // only the start byte is left
 
     // Sequence gap, a lone frame without 0x81, no start byte first, wrong block, bad checksum.
     std::string badSum = P::reply(4, "ab");
@@ -168,21 +167,17 @@ TEST_F(XcpLinkTest, ReplyLongerThanTheBufferIsCut)
 
 TEST_F(XcpLinkTest, DetectAndPollEventsReportTheOutcome)
 {
-    EXPECT_TRUE(runStarts(200, 1));  // detection, nothing answers
-    EXPECT_EQ(1, ctrl->GetStateUPS());
-    EXPECT_EQ(1, ups->commAlert());
+    using State = std::pair<int, int>; // UPS state, communication alert
+    EXPECT_TRUE(runStarts(200, 1));    // detection, nothing answers
+    EXPECT_EQ(State(1, 1), State(ctrl->GetStateUPS(), ups->commAlert()));
     XcpUpsScript script;
     script.install(port);
     EXPECT_TRUE(runStarts(200, 2));
-    EXPECT_EQ(2, ctrl->GetStateUPS());
-    EXPECT_EQ(0, ups->commAlert());
-
-    EXPECT_TRUE(runStarts(201, 2));  // a good poll: polling goes on
-    EXPECT_EQ(2, ctrl->GetStateUPS());
+    EXPECT_TRUE(runStarts(201, 2)); // a good poll: polling goes on
+    EXPECT_EQ(State(2, 0), State(ctrl->GetStateUPS(), ups->commAlert()));
     port.clearReplies();
-    EXPECT_TRUE(runStarts(201, 1));  // a failed poll: communication error
-    EXPECT_EQ(3, ctrl->GetStateUPS());
-    EXPECT_EQ(1, ups->commAlert());
+    EXPECT_TRUE(runStarts(201, 1)); // a failed poll: communication error
+    EXPECT_EQ(State(3, 1), State(ctrl->GetStateUPS(), ups->commAlert()));
 }
 
 TEST_F(XcpLinkTest, RedetectEventOpensThePortOrDetectsAndTheStopReopensALostOne)
