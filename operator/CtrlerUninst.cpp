@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <poll.h>
 #include <string>
 #include <thread>
 
@@ -84,12 +85,22 @@ struct CtrlerUninst::Impl {
         return !lastAddress.empty() && fieldText(ctrlAddrs[i], kAddrSize) == lastAddress && ctrlPorts[i] == lastPort;
     }
 
+    // The pause between receive polls waits on the socket, so it ends as
+    // soon as a reply arrives (the next poll takes it) and never later than
+    // the pause's length.
     void pause(int ms)
     {
-        if (seams.pause)
+        if (seams.pause) {
             seams.pause(ms);
-        else
+            return;
+        }
+        const int fd = socket ? socket->descriptor() : -1;
+        if (fd < 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+            return;
+        }
+        pollfd p = {fd, POLLIN, 0};
+        ::poll(&p, 1, ms);
     }
 };
 
