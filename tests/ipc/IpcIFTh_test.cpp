@@ -1,5 +1,5 @@
-// The UDP transport on the in-memory network, pass by pass: receive checks, member routing,
-// where records go in what bytes, time-outs, the close send, the silence tick, sockets.
+// The UDP transport on the in-memory network, pass by pass: receive checks, member routing, targets,
+// wire bytes, time-outs, the close send, the silence tick, sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -45,12 +45,8 @@ IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, in
                     int thread = ThCtrlSlot0)
 {
     IPC_DATA_REC r{};
-    r.mode = mode;
-    r.msg = b.msg();
+    r.mode = mode, r.msg = b.msg(), r.threadId = thread, r.ret.timeOut = timeOut, r.ret.awaited = awaited;
     DG2SetField(r.name, sizeof r.name, name);
-    r.threadId = thread;
-    r.ret.timeOut = timeOut;
-    r.ret.awaited = awaited;
     return r;
 }
 DG2Builder fromMember(uint8_t msg, const char* src = "127.0.0.5")

@@ -24,15 +24,12 @@ TEST(MemberListTest, ListsTheDaemonsStatusTableWithItsActiveCount)
         table.InitMember("127.0.0.2", 3069, "db-host", false, ThCtrlSlot0, SqNew, nullptr);
         table.InitMember("127.0.0.3", 3070, " ABCD0001", true, ThCtrlSlot0, SqNew, nullptr);
         DUP_MEMB_INFO m;
-        table.GetMembInfo(1, &m);
-        table.SetMembStatus(&m, MembActive, false);
-        table.GetMembInfo(2, &m);
-        table.SetMembStatus(&m, MembCommFail, false);
+        table.GetMembInfo(1, &m), table.SetMembStatus(&m, MembActive, false);
+        table.GetMembInfo(2, &m), table.SetMembStatus(&m, MembCommFail, false);
     }
     const std::string table = dir.read("membCommInfo.tmp");
     MemberList::Summary s = MemberList::summarise(table);
-    EXPECT_EQ(2, s.members);
-    EXPECT_EQ(1, s.active);
+    EXPECT_EQ(std::make_pair(2, 1), std::make_pair(s.members, s.active));
 
     ChildRun run = runProgram(dir.path(), {kConsole, "--home", dir.path(), "members"});
     EXPECT_EQ(0, run.status) << run.err;
