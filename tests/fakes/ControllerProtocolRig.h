@@ -84,8 +84,7 @@ public:
         return out;
     }
 
-    // transmit(), each described by DG2Describe.
-    std::vector<std::string> sent()
+    std::vector<std::string> sent() // transmit(), each described
     {
         std::vector<std::string> out;
         for (const IPC_DATA_REC& rec : transmit())
@@ -97,10 +96,8 @@ public:
     void expire(int id)
     {
         running.erase(id);
-        if (id >= TmNet2First && id <= TmNet2Last)
-            event(EvNetTimeout2, {id - TmNet2First});
-        else
-            event(EvNetTimeout, {id});
+        const bool second = id >= TmNet2First && id <= TmNet2Last;
+        event(second ? EvNetTimeout2 : EvNetTimeout, {second ? id - TmNet2First : id});
     }
 
     // The running reply time-outs (ids 30..265).
@@ -139,9 +136,7 @@ public:
     static DG2MessageType settingsAnswer(const std::string& from, const std::string& hostName)
     {
         DG2Settings s;
-        s.hostName = hostName;
-        s.groupName = "rack-3";
-        s.port = 3069;
+        s.hostName = hostName, s.groupName = "rack-3", s.port = 3069;
         return fromMember(DG2::MsgSettings, from).result(0)
             .pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); }).msg();
     }

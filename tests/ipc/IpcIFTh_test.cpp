@@ -147,10 +147,8 @@ TEST(IpcIFThMember, DatagramsComeOnlyFromTheControllersItFollowsEachToItsSlot)
     r.member("@CTRL1", "127.0.0.2", 3069, MembActive, ThCtrlSlot0);
     r.member("@CTRL2", "127.0.0.3", 3069, MembActive, ThCtrlSlot1);
     r.member("@CTRL3", "", 3069, MembActive, ThCtrlSlot2);
-    auto c1 = r.peer("127.0.0.2", 3069);
-    auto c2 = r.peer("127.0.0.3", 3069);
-    auto byId = r.peer("127.0.0.7", 3069);
-    auto stranger = r.peer("127.0.0.9", 3069);
+    auto c1 = r.peer("127.0.0.2", 3069), c2 = r.peer("127.0.0.3", 3069);
+    auto byId = r.peer("127.0.0.7", 3069), stranger = r.peer("127.0.0.9", 3069);
     // Does a datagram from `from` naming `dst` reach slot thread `th` (0: is it dropped)?
     auto reaches = [&r](UdpSocket& from, const char* dst, int th) {
         r.sendTo(from, fromController(DG2::MsgPowerReport, dst).wire(), "127.0.0.64", 3070);
@@ -210,9 +208,7 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
     r.member("memb-b", "127.0.0.6", 6002, MembNotActive);
     r.member(" ident", "127.0.0.8", 6004);
     r.member("memb-bc", "", 6005, MembNotActive);
-    auto a = r.peer("127.0.0.5", 6001);
-    auto b = r.peer("127.0.0.6", 6002);
-    auto id = r.peer("127.0.0.8", 6004);
+    auto a = r.peer("127.0.0.5", 6001), b = r.peer("127.0.0.6", 6002), id = r.peer("127.0.0.8", 6004);
 
     // One member, with a time-out: "@" source replaced by the target, stamped, header + body bytes.
     const time_t t0 = r.clock.now();
