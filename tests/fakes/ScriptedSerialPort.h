@@ -20,9 +20,7 @@ public:
     // Bytes that begin to arrive delayMs after the write, chunk bytes (0: all) every gapMs.
     struct Reply {
         std::string bytes;
-        int delayMs = 0;
-        int chunk = 0;
-        int gapMs = 50;
+        int delayMs = 0, chunk = 0, gapMs = 50;
     };
 
     int openResult = 7;          // what open() gives (-1: fails)
