@@ -18,19 +18,13 @@ protected:
     Rules() : ctrl(&clock, &cfg) {}
 
     void controller() { cfg.setConf("UPSController", "1"); timing(1, 30, 3); }
-    // A member following `count` active controllers (all on battery, outputs on).
-    void member(int count, bool onBattery = false)
+    // A member following `count` active controllers.
+    void member(int count)
     {
         cfg.setConf("UPSController", "2");
         ctrl.SetMemberContCount(count);
-        for (int k = 0; k < count; ++k) {
-            ctrl.SetMemberContActive(k, true);
-            timing(k + 1, 30, 3);
-            if (onBattery) {
-                ctrl.SetOutPutStatus(true, true, k);
-                ctrl.ShutDownSetPFStatus(k, 1);
-            }
-        }
+        for (int k = 0; k < count; ++k)
+            ctrl.SetMemberContActive(k, true), timing(k + 1, 30, 3);
     }
     void timing(int index, int wink, int minutes)
     {

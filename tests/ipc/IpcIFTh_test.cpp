@@ -41,11 +41,10 @@ std::vector<std::pair<DG2MessageType, size_t>> inbox(UdpSocket& s)
     return got;
 }
 
-IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, int timeOut = 0, int awaited = -1,
-                    int thread = ThCtrlSlot0)
+IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, int timeOut = 0, int awaited = -1)
 {
     IPC_DATA_REC r{};
-    r.mode = mode, r.msg = b.msg(), r.threadId = thread, r.ret.timeOut = timeOut, r.ret.awaited = awaited;
+    r.mode = mode, r.msg = b.msg(), r.threadId = ThCtrlSlot0, r.ret.timeOut = timeOut, r.ret.awaited = awaited;
     DG2SetField(r.name, sizeof r.name, name);
     return r;
 }
@@ -212,7 +211,7 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
 
     // One member, with a time-out: "@" source replaced by the target, stamped, header + body bytes.
     const time_t t0 = r.clock.now();
-    r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport).from("@", 19), 10, 141));
+    r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport).from("@", DG2::KindController), 10, 141));
     auto got = inbox(*a);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(text(got[0].first.srcName) + " " + std::to_string(got[0].first.hedVer) + " " +
