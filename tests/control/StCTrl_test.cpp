@@ -21,12 +21,14 @@ void post(StCTrl& ctrl, int to, int code, int p0 = 0)
     ctrl.SetEvent(&ev);
 }
 
-_NOTIFYMSGINFO notification(int code, const std::vector<int>& params = {})
+// Hands the core a notification; the events it queued.
+V notify(StCTrl& ctrl, int code, const std::vector<int>& params = {})
 {
     _NOTIFYMSGINFO nt{code, 0, {}};
     for (int p : params)
         nt.params[nt.count++] = p;
-    return nt;
+    ctrl.SetNotify(&nt);
+    return drainDescribed(ctrl);
 }
 
 TEST(StCTrlQueue, TheHeadBlocksEveryoneBehindItAndWaitersWake)
@@ -68,13 +70,10 @@ TEST(StCTrlQueue, EventsForThreadsThatDoNotRunAreDroppedNotQueued)
     // The UPS never answered: the network threads never started.
     for (int n : {ThTimer, ThTimerIF, ThXcpIF, ThXcp, ThLog, ThPower, ThCui})
         ctrl.markRunning(n);
-    _NOTIFYMSGINFO changed = notification(NtConfigChanged); // console change of "AccessCode1"
-    ctrl.SetNotify(&changed);
-    post(ctrl, ThLog, EvMeterLog, 7);
-    EXPECT_EQ(drainDescribed(ctrl), V{"5:EvMeterLog(501):7"}) << "the change must not block the queue";
+    // A console change of "AccessCode1" queues nothing for thread 8: it would block the queue.
+    EXPECT_EQ(notify(ctrl, NtConfigChanged), V{});
     ctrl.markRunning(ThCtrlSlot0);
-    ctrl.SetNotify(&changed);
-    EXPECT_EQ(drainDescribed(ctrl), V{"8:EvConfigChanged(800):"});
+    EXPECT_EQ(notify(ctrl, NtConfigChanged), V{"8:EvConfigChanged(800):"});
 }
 
 TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTheController)
@@ -130,33 +129,26 @@ TEST(StCTrlStart, LetsGoAndTheUpsLinkNotifications)
     EXPECT_TRUE(m.getWinkTime(2) == 45 && m.getCountdownTime(2) == 2) << "every slot starts with its own timing";
     // A datagram goes to the slot thread the transport names; a quiet
     // network stops only the network's own timers.
-    for (_NOTIFYMSGINFO nt : {notification(NtNetReceived, {ThCtrlSlot2}), notification(NtStopAllTimers)})
-        m.SetNotify(&nt);
-    EXPECT_EQ(drainDescribed(m), (V{"10:EvNetReceived(600):", "0:EvTimerStop(102):17", "0:EvTimerStop(102):18",
-                                    "0:EvTimerStop(102):19", "0:EvTimerStop(102):20",
-                                    "0:EvTimerStopAll(103):1,30,265"}));
+    EXPECT_EQ(notify(m, NtNetReceived, {ThCtrlSlot2}), V{"10:EvNetReceived(600):"});
+    EXPECT_EQ(notify(m, NtStopAllTimers), (V{"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
+                                             "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"}));
 
     TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
     StCTrl ctrl(&clock, cfg.map());
     ctrl.LetsGo(true);
     EXPECT_EQ(drainDescribed(ctrl), (V{"5:EvLog(500):1,6", "5:EvLog(500):1,265", "5:EvMeterLog(501):0",
                                        "0:EvTimerStart(100):16,6800,1800,8", "0:EvTimerStart(100):1,5005,0,8"}));
-    auto notify = [&](int code, std::vector<int> params = {}) {
-        _NOTIFYMSGINFO nt = notification(code, params);
-        ctrl.SetNotify(&nt);
-        return drainDescribed(ctrl);
-    };
     const std::string detect = "0:EvTimerStart(100):1,5005,0,8", poll = "0:EvTimerStart(100):2,5005,0,8";
-    EXPECT_EQ(notify(NtUpsNotDetected), (V{detect, "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));
+    EXPECT_EQ(notify(ctrl, NtUpsNotDetected), (V{detect, "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsNotDetected);
-    EXPECT_EQ(notify(NtUpsNotDetected), V{detect}) << "a second failure only restarts detection";
-    EXPECT_EQ(notify(NtUpsEstablished), (V{poll, "5:EvLog(500):8,11", "5:EvMeterLog(501):10",
+    EXPECT_EQ(notify(ctrl, NtUpsNotDetected), V{detect}) << "a second failure only restarts detection";
+    EXPECT_EQ(notify(ctrl, NtUpsEstablished), (V{poll, "5:EvLog(500):8,11", "5:EvMeterLog(501):10",
                                            "0:EvTimerStop(102):11", "0:EvTimerStart(100):11,5300,300,8"}));
-    EXPECT_EQ(notify(NtUpsCommError), (V{detect, "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
+    EXPECT_EQ(notify(ctrl, NtUpsCommError), (V{detect, "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsCommError);
-    EXPECT_EQ(notify(NtUpsCommError), V{}) << "already in error: ignored";
-    EXPECT_EQ(notify(NtTimerExpired, {TmUpsDetect, 0, ThCtrlSlot0}), V{"2:EvUpsRedetect(203):"});
-    EXPECT_EQ(notify(NtUpsCommRestored), (V{poll, "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
+    EXPECT_EQ(notify(ctrl, NtUpsCommError), V{}) << "already in error: ignored";
+    EXPECT_EQ(notify(ctrl, NtTimerExpired, {TmUpsDetect, 0, ThCtrlSlot0}), V{"2:EvUpsRedetect(203):"});
+    EXPECT_EQ(notify(ctrl, NtUpsCommRestored), (V{poll, "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsCommunicating);
 }
 } // namespace
