@@ -162,8 +162,7 @@ TEST(IpcIFThMember, DatagramsComeOnlyFromTheControllersItFollowsEachToItsSlot)
     // Identity: by " ID" until its address is known, then only there.
     EXPECT_TRUE(reaches(*byId, " memb-id", ThCtrlSlot2));
     DUP_MEMB_INFO rec;
-    r.data.GetMembInfo(const_cast<char*>("@CTRL3"), &rec);
-    r.data.SetMembIPAddr(&rec, "127.0.0.7");
+    r.data.GetMembInfo(const_cast<char*>("@CTRL3"), &rec), r.data.SetMembIPAddr(&rec, "127.0.0.7");
     EXPECT_TRUE(reaches(*stranger, " memb-id", 0));
     EXPECT_TRUE(reaches(*byId, "x", ThCtrlSlot2));
 }
@@ -181,8 +180,7 @@ TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsTheNetworkTimersAndAft
     // The quiet-network rule: health checks and reply time-outs stop.
     const V stopAll = {"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
                        "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"};
-    ticks(1, 10800);
-    ticks(1, -3600);
+    ticks(1, 10800), ticks(1, -3600);
     EXPECT_EQ(ticks(120, 1), V{}) << "jumps are not silence; 120 s is not more than 120 s";
     EXPECT_EQ(ticks(1, 1), stopAll);
     ticks(100, 1);
