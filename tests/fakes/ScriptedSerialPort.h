@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
