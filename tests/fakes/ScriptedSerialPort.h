@@ -88,7 +88,8 @@ public:
     int open(const std::string& path) override
     {
         openedPaths.push_back(path);
-        hungUp = hungUp && !(mOpen = openResult >= 0);
+        mOpen = openResult >= 0;
+        hungUp = hungUp && !mOpen;
         return openResult;
     }
     void close() override { mOpen = false; }
