@@ -14,6 +14,7 @@
 namespace {
 using V = std::vector<std::string>;
 const time_t T0 = 1794000000;
+using Fired = std::pair<time_t, V>;
 
 class TimerIFThTest : public ::testing::Test {
 protected:
@@ -30,13 +31,13 @@ protected:
         timers.TimeOut_func();
         return drainDescribed(ctrl);
     }
-    // Ticks each second from `from` to `to`: the second of the first events (0: none), they in *events.
-    time_t firstFiring(time_t from, time_t to, V* events)
+    // Ticks each second from `from` to `to`: the second of the first events (0: none) and those events.
+    Fired firstFiring(time_t from, time_t to)
     {
         for (time_t t = from; t <= to; ++t)
-            if (!(*events = tickAt(t)).empty())
-                return t;
-        return 0;
+            if (V events = tickAt(t); !events.empty())
+                return {t, events};
+        return {0, {}};
     }
 
     TempConfig config;
@@ -51,9 +52,7 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
     EXPECT_EQ(30, start(30, T0 + 60, 0, 9));
     EXPECT_EQ(30, start(30, T0 + 10, 0, 10));
     EXPECT_EQ(1, timers.runningTimers());
-    V ev;
-    EXPECT_EQ(T0 + 60, firstFiring(T0, T0 + 70, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
+    EXPECT_EQ(firstFiring(T0, T0 + 70), Fired(T0 + 60, {"9:EvNetTimeout(603):30"}));
     EXPECT_FALSE(timers.isActive(30));
 
     // Stopping what does not run reports 1 and leaves the others alone; ids
@@ -74,12 +73,10 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
 TEST_F(TimerIFThTest, ClockJumpsShiftTimersButOneSecondStepsDoNot)
 {
     tickAt(T0);
-    V ev;
     // One hour forward: a 60-second timer keeps its 60 seconds.
     start(30, T0 + 60, 0, 9);
     EXPECT_TRUE(tickAt(T0 + 3600).empty());
-    EXPECT_EQ(T0 + 3660, firstFiring(T0 + 3601, T0 + 3700, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
+    EXPECT_EQ(firstFiring(T0 + 3601, T0 + 3700), Fired(T0 + 3660, {"9:EvNetTimeout(603):30"}));
 
     // A one-second step is an ordinary tick: a timer due then fires.
     time_t t = T0 + 3700;
@@ -94,8 +91,7 @@ TEST_F(TimerIFThTest, ClockJumpsShiftTimersButOneSecondStepsDoNot)
     // Backward by 1000 s: the timer still runs its full 60 seconds.
     start(33, (t += 4) + 60, 0, 9);
     EXPECT_TRUE(tickAt(t - 1000).empty());
-    EXPECT_EQ(t - 940, firstFiring(t - 999, t - 900, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):33"});
+    EXPECT_EQ(firstFiring(t - 999, t - 900), Fired(t - 940, {"9:EvNetTimeout(603):33"}));
 }
 
 TEST_F(TimerIFThTest, PeriodicTimersRearmAndCatchUpOncePerTick)
@@ -109,9 +105,8 @@ TEST_F(TimerIFThTest, PeriodicTimersRearmAndCatchUpOncePerTick)
         EXPECT_EQ(tickAt(T0), V{"10:EvNetTimeout(603):35"}) << "tick " << i;
     EXPECT_TRUE(tickAt(T0).empty() && tickAt(T0 + 1).empty());
     // Next due at T0 + 20, then every 30 s.
-    V ev;
-    EXPECT_EQ(T0 + 20, firstFiring(T0 + 2, T0 + 30, &ev));
-    EXPECT_EQ(T0 + 50, firstFiring(T0 + 21, T0 + 60, &ev));
+    EXPECT_EQ(firstFiring(T0 + 2, T0 + 30), Fired(T0 + 20, {"10:EvNetTimeout(603):35"}));
+    EXPECT_EQ(firstFiring(T0 + 21, T0 + 60).first, T0 + 50);
 }
 
 TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
