@@ -2,11 +2,9 @@
 // waited for, never left as zombies), their reports and the schedule relay.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <vector>
 
 #include "config/FileMap.h"
@@ -21,15 +19,12 @@
 namespace {
 using V = std::vector<std::string>;
 
-// Set before anything reads the system paths, so the real shutdown command
-// can never be chosen.
+// Set before anything reads the system paths: the real shutdown command is never chosen.
 const char kShutdownCmd[] = "/nonexistent/kestrava-test-shutdown";
 const bool kShutdownCmdSet = setenv("KESTRAVA_SHUTDOWN_CMD", kShutdownCmd, 1) == 0;
 
-// A power thread whose reports are recorded ("code:p0,p1,...") instead of
-// handed to a controller.
-class RecordingPowerTh : public PowerTh {
-public:
+// A power thread whose reports are recorded instead of handed to a controller.
+struct RecordingPowerTh : PowerTh {
     using PowerTh::PowerTh;
     V seen;
     void handle(int code, std::vector<int> params = {})
@@ -37,8 +32,6 @@ public:
         EVENTMSGINFO ev = eventRecord(ThPower, code, params);
         PowerTh::handle(&ev);
     }
-
-protected:
     void notify(_NOTIFYMSGINFO* nt) override { seen.push_back(describe(*nt)); }
 };
 
@@ -65,8 +58,7 @@ TEST_F(Power, ShutdownAndTerminationCommandsAndTheirReports)
     pt.handle(EvHostShutdown);
     EXPECT_EQ(shell.runCommands(), V{kShutdownCmd});
     pt.handle(EvScheduleReport, {1, 8});  // not the power thread's
-    EXPECT_EQ(shell.runCommands().size(), 1u);
-    EXPECT_TRUE(pt.seen.empty());
+    EXPECT_TRUE(shell.runCommands().size() == 1 && pt.seen.empty());
 
     // Empty command for slot 0: nothing starts, the report still goes out.
     command(2, "/opt/app/stop --now");
@@ -86,8 +78,7 @@ TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
     TempDir tmp("kestrava-power-");
     ASSERT_TRUE(tmp.made());
     const std::string out = tmp.file("out"), go = tmp.file("go");
-    // Each command waits for the test's "go" before it writes: if the thread
-    // waited for the first, the second would never start.
+    // Each command waits for "go": a thread waiting for the first would never start the second.
     command(1, "while [ ! -e " + go + " ]; do sleep 0.05; done; echo x >> " + out);
     SystemShellRunner real;
     ScopedShell installed(&real);
@@ -96,8 +87,7 @@ TEST_F(Power, TwoTerminationCommandsRunSideBySideAndLeaveNoZombie)
     EXPECT_EQ(pt.seen.size(), 2u);
     writeFile(go, "");
     EXPECT_TRUE(waitFor([&] { return readLines(out).size() == 2; }, 10, 50));
-    // Once both shells are gone from this process's children (a zombie would
-    // stay listed), none may be left to reap.
+    // Once both shells left this process's children (a zombie stays listed), none is left to reap.
     EXPECT_TRUE(waitFor([] { return readFile("/proc/self/task/" + std::to_string(getpid()) + "/children").empty(); },
                         10, 50));
     EXPECT_LE(waitpid(-1, nullptr, WNOHANG), 0) << "a zombie child remained";

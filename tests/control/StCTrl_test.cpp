@@ -1,5 +1,4 @@
-// Controller core: the global event queue, delivery to running threads, the
-// status record, the builders and the start.
+// Controller core: the event queue, delivery to running threads, status record, builders, start.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,12 +21,14 @@ void post(StCTrl& ctrl, int to, int code, int p0 = 0)
     ctrl.SetEvent(&ev);
 }
 
-_NOTIFYMSGINFO notification(int code, const std::vector<int>& params = {})
+// Hands the core a notification; the events it queued.
+V notify(StCTrl& ctrl, int code, const std::vector<int>& params = {})
 {
     _NOTIFYMSGINFO nt{code, 0, {}};
     for (int p : params)
         nt.params[nt.count++] = p;
-    return nt;
+    ctrl.SetNotify(&nt);
+    return drainDescribed(ctrl);
 }
 
 TEST(StCTrlQueue, TheHeadBlocksEveryoneBehindItAndWaitersWake)
@@ -48,8 +49,7 @@ TEST(StCTrlQueue, TheHeadBlocksEveryoneBehindItAndWaitersWake)
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     EXPECT_FALSE(got.load()) << "thread 4 overtook the head of the queue";
     EVENTMSGINFO ev;
-    ctrl.GetEvent(&ev, 7);
-    four.join();
+    ctrl.GetEvent(&ev, 7), four.join();
 
     // A waiter on the empty queue wakes for its event.
     std::thread waiter([&] {
@@ -67,17 +67,13 @@ TEST(StCTrlQueue, EventsForThreadsThatDoNotRunAreDroppedNotQueued)
     TempConfig cfg("UPSController=1\nAccessCode1=x\n");
     ManualClock clock;
     StCTrl ctrl(&clock, cfg.map());
-    // A controller whose UPS never answered: the network threads never started.
+    // The UPS never answered: the network threads never started.
     for (int n : {ThTimer, ThTimerIF, ThXcpIF, ThXcp, ThLog, ThPower, ThCui})
         ctrl.markRunning(n);
-    _NOTIFYMSGINFO changed = notification(NtConfigChanged); // console change of "AccessCode1"
-    ctrl.SetNotify(&changed);
-    post(ctrl, ThLog, EvMeterLog, 7);
-    EXPECT_EQ(drainDescribed(ctrl), V{"5:EvMeterLog(501):7"}) << "the change must not block the queue";
-    EXPECT_FALSE(ctrl.delivers(ThCtrlSlot0));
+    // A console change of "AccessCode1" queues nothing for thread 8: it would block the queue.
+    EXPECT_EQ(notify(ctrl, NtConfigChanged), V{});
     ctrl.markRunning(ThCtrlSlot0);
-    ctrl.SetNotify(&changed);
-    EXPECT_EQ(drainDescribed(ctrl), V{"8:EvConfigChanged(800):"});
+    EXPECT_EQ(notify(ctrl, NtConfigChanged), V{"8:EvConfigChanged(800):"});
 }
 
 TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTheController)
@@ -94,13 +90,11 @@ TEST(StCTrlStatus, OutputReportsNeedSeveralControllersAndChangesReachTheLogOffTh
     EXPECT_EQ(m.SetOutPutStatus(false, true, 2), 0) << "a quiet first report marks nothing";
     EXPECT_EQ(m.SetOutPutStatus(false, false, 2), LogOutputOffFirst);
 
-    m.CheckContInfo();
-    m.CheckContInfo(); // the snapshot now matches: no second report
+    m.CheckContInfo(), m.CheckContInfo(); // the snapshot then matches: no second report
     EXPECT_EQ(drainDescribed(m), V{"5:EvControllerInfo(504):"});
     TempConfig controller("UPSController=1\n");
     StCTrl c(&clock, controller.map());
-    c.ShutDownSetPFStatus(0, 1);
-    c.CheckContInfo();
+    c.ShutDownSetPFStatus(0, 1), c.CheckContInfo();
     EXPECT_EQ(c.queuedEvents(), 0u);
 }
 
@@ -109,8 +103,7 @@ TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
     TempConfig cfg("UPSController=1\nAppTermTimeOut1=120\nShutdownDelay1=180\nAppTermCommand1=\"/bin/true --x\"\n");
     ManualClock clock(1000000);
     StCTrl ctrl(&clock, cfg.map());
-    ctrl.refreshNow();
-    ctrl.setShutdownTiming(0);
+    ctrl.refreshNow(), ctrl.setShutdownTiming(0);
     EXPECT_EQ(ctrl.getRunCommand(0), "/bin/true --x"); // quotes removed
     EVENTMSGINFO ev;
     ctrl.setDummyAppTermTimerStart(&ev, ThCtrlSlot0); // 120 + 180 s
@@ -133,38 +126,29 @@ TEST(StCTrlStart, LetsGoAndTheUpsLinkNotifications)
     StCTrl m(&clock, member.map());
     m.LetsGo(false);
     EXPECT_EQ(drainDescribed(m), V{"5:EvLog(500):1,6"});
-    // Every controller slot starts with its own timing.
-    EXPECT_EQ(m.getWinkTime(2), 45);
-    EXPECT_EQ(m.getCountdownTime(2), 2);
+    EXPECT_TRUE(m.getWinkTime(2) == 45 && m.getCountdownTime(2) == 2) << "every slot starts with its own timing";
     // A datagram goes to the slot thread the transport names; a quiet
     // network stops only the network's own timers.
-    for (_NOTIFYMSGINFO nt : {notification(NtNetReceived, {ThCtrlSlot2}), notification(NtStopAllTimers)})
-        m.SetNotify(&nt);
-    EXPECT_EQ(drainDescribed(m), (V{"10:EvNetReceived(600):", "0:EvTimerStop(102):17", "0:EvTimerStop(102):18",
-                                    "0:EvTimerStop(102):19", "0:EvTimerStop(102):20",
-                                    "0:EvTimerStopAll(103):1,30,265"}));
+    EXPECT_EQ(notify(m, NtNetReceived, {ThCtrlSlot2}), V{"10:EvNetReceived(600):"});
+    EXPECT_EQ(notify(m, NtStopAllTimers), (V{"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
+                                             "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"}));
 
     TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
     StCTrl ctrl(&clock, cfg.map());
     ctrl.LetsGo(true);
     EXPECT_EQ(drainDescribed(ctrl), (V{"5:EvLog(500):1,6", "5:EvLog(500):1,265", "5:EvMeterLog(501):0",
                                        "0:EvTimerStart(100):16,6800,1800,8", "0:EvTimerStart(100):1,5005,0,8"}));
-    auto notify = [&](int code, std::vector<int> params = {}) {
-        _NOTIFYMSGINFO nt = notification(code, params);
-        ctrl.SetNotify(&nt);
-        return drainDescribed(ctrl);
-    };
     const std::string detect = "0:EvTimerStart(100):1,5005,0,8", poll = "0:EvTimerStart(100):2,5005,0,8";
-    EXPECT_EQ(notify(NtUpsNotDetected), (V{detect, "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));
+    EXPECT_EQ(notify(ctrl, NtUpsNotDetected), (V{detect, "5:EvLog(500):8,10", "5:EvMeterLog(501):9"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsNotDetected);
-    EXPECT_EQ(notify(NtUpsNotDetected), V{detect}) << "a second failure only restarts detection";
-    EXPECT_EQ(notify(NtUpsEstablished), (V{poll, "5:EvLog(500):8,11", "5:EvMeterLog(501):10",
+    EXPECT_EQ(notify(ctrl, NtUpsNotDetected), V{detect}) << "a second failure only restarts detection";
+    EXPECT_EQ(notify(ctrl, NtUpsEstablished), (V{poll, "5:EvLog(500):8,11", "5:EvMeterLog(501):10",
                                            "0:EvTimerStop(102):11", "0:EvTimerStart(100):11,5300,300,8"}));
-    EXPECT_EQ(notify(NtUpsCommError), (V{detect, "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
+    EXPECT_EQ(notify(ctrl, NtUpsCommError), (V{detect, "5:EvMeterLog(501):9", "5:EvLog(500):8,10"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsCommError);
-    EXPECT_EQ(notify(NtUpsCommError), V{}) << "already in error: ignored";
-    EXPECT_EQ(notify(NtTimerExpired, {TmUpsDetect, 0, ThCtrlSlot0}), V{"2:EvUpsRedetect(203):"});
-    EXPECT_EQ(notify(NtUpsCommRestored), (V{poll, "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
+    EXPECT_EQ(notify(ctrl, NtUpsCommError), V{}) << "already in error: ignored";
+    EXPECT_EQ(notify(ctrl, NtTimerExpired, {TmUpsDetect, 0, ThCtrlSlot0}), V{"2:EvUpsRedetect(203):"});
+    EXPECT_EQ(notify(ctrl, NtUpsCommRestored), (V{poll, "5:EvMeterLog(501):10", "5:EvLog(500):8,11"}));
     EXPECT_EQ(ctrl.GetStateUPS(), UpsCommunicating);
 }
 } // namespace

@@ -14,6 +14,7 @@
 namespace {
 using V = std::vector<std::string>;
 const time_t T0 = 1794000000;
+using Fired = std::pair<time_t, V>;
 
 class TimerIFThTest : public ::testing::Test {
 protected:
@@ -30,14 +31,13 @@ protected:
         timers.TimeOut_func();
         return drainDescribed(ctrl);
     }
-    // Ticks once per second from `from` to `to`; the second at which the
-    // first event appeared (0 if none), its events in *events.
-    time_t firstFiring(time_t from, time_t to, V* events)
+    // Ticks each second from `from` to `to`: the second of the first events (0: none) and those events.
+    Fired firstFiring(time_t from, time_t to)
     {
         for (time_t t = from; t <= to; ++t)
-            if (!(*events = tickAt(t)).empty())
-                return t;
-        return 0;
+            if (V events = tickAt(t); !events.empty())
+                return {t, events};
+        return {0, {}};
     }
 
     TempConfig config;
@@ -52,9 +52,7 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
     EXPECT_EQ(30, start(30, T0 + 60, 0, 9));
     EXPECT_EQ(30, start(30, T0 + 10, 0, 10));
     EXPECT_EQ(1, timers.runningTimers());
-    V ev;
-    EXPECT_EQ(T0 + 60, firstFiring(T0, T0 + 70, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
+    EXPECT_EQ(firstFiring(T0, T0 + 70), Fired(T0 + 60, {"9:EvNetTimeout(603):30"}));
     EXPECT_FALSE(timers.isActive(30));
 
     // Stopping what does not run reports 1 and leaves the others alone; ids
@@ -62,66 +60,53 @@ TEST_F(TimerIFThTest, StartStopCancelResetKeepOneTimerPerId)
     start(40, T0 + 500, 0, 8);
     EXPECT_EQ(1, timers.Timer_Stop(30) * timers.Timer_Stop(41) * timers.Timer_Stop(332));
     EXPECT_EQ(332, start(332, T0, 0, 8));
-    EXPECT_EQ(0, timers.Timer_Cancel(-1) + timers.Timer_Reset(100000, 5));
-    EXPECT_EQ(0, timers.Timer_Stop(40));
+    EXPECT_EQ(0, timers.Timer_Cancel(-1) + timers.Timer_Reset(100000, 5) + timers.Timer_Stop(40));
     EXPECT_EQ(0, timers.runningTimers());
 
     // Stop-all covers ids 0..TmNet2Last; 331 is outside its walk.
     for (int id : {0, 5, 29, int(TmNet2Last), TmNet2Last + 1})
         start(id, T0 + 1000, 0, 8);
     timers.Timer_Cancel_All();
-    EXPECT_EQ(1, timers.runningTimers());
-    EXPECT_TRUE(timers.isActive(TmNet2Last + 1));
+    EXPECT_TRUE(timers.runningTimers() == 1 && timers.isActive(TmNet2Last + 1));
 }
 
 TEST_F(TimerIFThTest, ClockJumpsShiftTimersButOneSecondStepsDoNot)
 {
     tickAt(T0);
-    V ev;
     // One hour forward: a 60-second timer keeps its 60 seconds.
     start(30, T0 + 60, 0, 9);
     EXPECT_TRUE(tickAt(T0 + 3600).empty());
-    EXPECT_EQ(T0 + 3660, firstFiring(T0 + 3601, T0 + 3700, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):30"});
+    EXPECT_EQ(firstFiring(T0 + 3601, T0 + 3700), Fired(T0 + 3660, {"9:EvNetTimeout(603):30"}));
 
     // A one-second step is an ordinary tick: a timer due then fires.
     time_t t = T0 + 3700;
-    tickAt(t);
-    start(31, t + 1, 0, 9);
+    tickAt(t), start(31, t + 1, 0, 9);
     EXPECT_EQ(tickAt(t + 1), V{"9:EvNetTimeout(603):31"});
 
     // A two-second step counts as missed ticks: timers are shifted by it.
-    t += 1;
-    start(32, t + 2, 0, 9);
-    EXPECT_TRUE(tickAt(t + 2).empty());
-    EXPECT_TRUE(tickAt(t + 3).empty());
+    start(32, ++t + 2, 0, 9);
+    EXPECT_TRUE(tickAt(t + 2).empty() && tickAt(t + 3).empty());
     EXPECT_EQ(tickAt(t + 4), V{"9:EvNetTimeout(603):32"});
 
     // Backward by 1000 s: the timer still runs its full 60 seconds.
-    t += 4;
-    start(33, t + 60, 0, 9);
+    start(33, (t += 4) + 60, 0, 9);
     EXPECT_TRUE(tickAt(t - 1000).empty());
-    EXPECT_EQ(t - 940, firstFiring(t - 999, t - 900, &ev));
-    EXPECT_EQ(ev, V{"9:EvNetTimeout(603):33"});
+    EXPECT_EQ(firstFiring(t - 999, t - 900), Fired(t - 940, {"9:EvNetTimeout(603):33"}));
 }
 
 TEST_F(TimerIFThTest, PeriodicTimersRearmAndCatchUpOncePerTick)
 {
     tickAt(T0);
     // Fell four intervals behind: one report per tick until caught up.
-    start(35, T0 - 100, 30, 10);
-    start(36, T0, 0, 10);
+    start(35, T0 - 100, 30, 10), start(36, T0, 0, 10);
     EXPECT_EQ(tickAt(T0), (V{"10:EvNetTimeout(603):35", "10:EvNetTimeout(603):36"}));
     EXPECT_FALSE(timers.isActive(36));
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(tickAt(T0), V{"10:EvNetTimeout(603):35"}) << "tick " << i;
-    EXPECT_TRUE(tickAt(T0).empty());
-    EXPECT_TRUE(tickAt(T0 + 1).empty());
+    EXPECT_TRUE(tickAt(T0).empty() && tickAt(T0 + 1).empty());
     // Next due at T0 + 20, then every 30 s.
-    V ev;
-    EXPECT_EQ(T0 + 20, firstFiring(T0 + 2, T0 + 30, &ev));
-    EXPECT_EQ(T0 + 50, firstFiring(T0 + 21, T0 + 60, &ev));
-    EXPECT_TRUE(timers.isActive(35));
+    EXPECT_EQ(firstFiring(T0 + 2, T0 + 30), Fired(T0 + 20, {"10:EvNetTimeout(603):35"}));
+    EXPECT_EQ(firstFiring(T0 + 21, T0 + 60).first, T0 + 50);
 }
 
 TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)

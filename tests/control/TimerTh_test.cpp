@@ -1,5 +1,4 @@
-// Timer commands as the timer thread applies them: start, stop, stop all
-// (with the 9001 follow-up) and move.
+// Timer commands as the timer thread applies them: start, stop, stop all (with its follow-up), move.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -52,25 +51,20 @@ TEST_F(TimerThTest, StartStopMoveAndStopAllCommands)
     for (time_t t = T0 + 1; t < T0 + 15; ++t)
         EXPECT_TRUE(tickAt(t).empty()) << "at +" << (t - T0);
     EXPECT_EQ(tickAt(T0 + 15), V{"9:EvNetTimeout(603):30"});
-    EXPECT_EQ(0, timers.runningTimers());
     command(EvTimerShift, {30, 10});  // moving an id that does not run starts nothing
-    EXPECT_FALSE(timers.isActive(30));
+    EXPECT_EQ(0, timers.runningTimers());
 
     // Stop all notifies the active member slots only when asked to.
-    ctrl.SetMemberContActive(1, true);
-    ctrl.SetMemberContActive(3, true);
-    command(EvTimerStart, {2, T0 + 5, 0, 8});
-    command(EvTimerStart, {17, T0 + 5, 30, 8});
+    ctrl.SetMemberContActive(1, true), ctrl.SetMemberContActive(3, true);
+    command(EvTimerStart, {2, T0 + 5, 0, 8}), command(EvTimerStart, {17, T0 + 5, 30, 8});
     command(EvTimerStopAll, {0});
-    EXPECT_EQ(0, timers.runningTimers());
-    EXPECT_EQ(0u, ctrl.queuedEvents());
+    EXPECT_TRUE(timers.runningTimers() == 0 && ctrl.queuedEvents() == 0);
     // With a range only the timers in it stop (a countdown and a
     // communication-error timer outlive the network's reply time-outs).
     for (int id : {7, 30, 265, 266})
         command(EvTimerStart, {id, T0 + 1000, 0, 8});
     command(EvTimerStopAll, {1, 30, 265});
-    EXPECT_TRUE(timers.isActive(7) && timers.isActive(266));
-    EXPECT_EQ(2, timers.runningTimers());
+    EXPECT_TRUE(timers.isActive(7) && timers.isActive(266) && timers.runningTimers() == 2);
     EXPECT_EQ(tickAt(T0), (V{"9:EvTimersStopped(803):", "11:EvTimersStopped(803):"}));
 }
 } // namespace

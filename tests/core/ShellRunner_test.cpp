@@ -14,15 +14,13 @@
 #include <thread>
 #include <unistd.h>
 
-#include "config/FileMap.h"
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/TempDir.h"
 
 namespace {
 
-// What the probe command wrote: its blocked and ignored signals and its
-// open descriptors. Signals from 32 up to SIGRTMIN belong to the C library
-// itself (it keeps them ignored in every child it starts) and are left out.
+// The probe's blocked and ignored signals and open descriptors; signals 32 up to SIGRTMIN
+// belong to the C library (ignored in every child it starts) and are left out.
 std::string summary(const std::string& text)
 {
     unsigned long long blocked = ~0ULL, ignored = ~0ULL;
@@ -38,7 +36,6 @@ TEST(ShellRunner, CommandsStartWithNoMaskNoIgnoredSignalAndNoInheritedDescriptor
     TempDir tmp("kestrava-shell-");
     ASSERT_TRUE(tmp.made());
     writeFile(tmp.file("Kestrava.ini"), "UPSController=1\n");
-    FileMap config(tmp.file("Kestrava.ini"));
     // A descriptor some part of the daemon opened without close-on-exec.
     int forgotten = open(tmp.file("Kestrava.ini").c_str(), O_RDONLY);
     ASSERT_GE(forgotten, 3);
@@ -46,8 +43,8 @@ TEST(ShellRunner, CommandsStartWithNoMaskNoIgnoredSignalAndNoInheritedDescriptor
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGINT, &ignore, &old);
 
-    auto probe = [&](const std::string& out) {
-        return "grep -E '^Sig(Blk|Ign)' /proc/self/status > " + out + "; ls /proc/self/fd | tr '\\n' ' ' >> " + out;
+    auto probe = [&](const std::string& f) {
+        return "grep -E '^Sig(Blk|Ign)' /proc/self/status > " + f + "; ls /proc/self/fd | tr '\\n' ' ' >> " + f;
     };
     const std::string clean = "blocked 0, ignored 0, fds 0 1 2 3 ";
     SystemShellRunner runner;
@@ -56,16 +53,14 @@ TEST(ShellRunner, CommandsStartWithNoMaskNoIgnoredSignalAndNoInheritedDescriptor
     // A worker thread of the daemon: SIGTERM blocked.
     std::thread worker([&] {
         sigset_t term;
-        sigemptyset(&term);
-        sigaddset(&term, SIGTERM);
+        sigemptyset(&term), sigaddset(&term, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &term, nullptr);
         status = runner.run(probe(tmp.file("run")) + "; exit 3");
         detached = runner.launchDetached(probe(tmp.file("detached.tmp")) + "; mv " + tmp.file("detached.tmp") + " " +
                                          tmp.file("detached"));
     });
     worker.join();
-    sigaction(SIGINT, &old, nullptr);
-    close(forgotten);
+    sigaction(SIGINT, &old, nullptr), close(forgotten);
 
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
     EXPECT_EQ(summary(readFile(tmp.file("run"))), clean);

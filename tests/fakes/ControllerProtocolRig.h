@@ -1,8 +1,7 @@
 // ControllerProtocolRig: the controller-side protocol without its thread, in
-// virtual time: a real controller core, member table and UPS data in a
-// temporary directory. receive() delivers a datagram as the transport does,
-// transmit() takes what was queued and arms its time-outs as the transport
-// does, expire() hands a running timer back as its expiry event.
+// virtual time, on a real core, member table and UPS data in a temporary
+// directory. receive() and transmit() act as the transport does; expire()
+// hands a running timer back as its expiry event.
 #pragma once
 
 #include <cstring>
@@ -39,20 +38,14 @@ public:
         dir.write("Kestrava.ini", ini);
         if (!membInfo.empty())
             dir.write("MembInfo.dat", membInfo);
-        config.reset(new FileMap(dir.file("Kestrava.ini")));
-        configPtr = config.get();
-        core.reset(new StCTrl(&clock, configPtr));
+        configPtr = (config = std::make_unique<FileMap>(dir.file("Kestrava.ini"))).get();
+        core = std::make_unique<StCTrl>(&clock, configPtr);
         core->getShutdownTiming(0);
-        table.reset(new IpcData(*core, dir.path(), dir.path()));
-        tablePtr = table.get();
-        ups.reset(new UpsDataBlock(&clock));
-        upsPtr = ups.get();
+        tablePtr = (table = std::make_unique<IpcData>(*core, dir.path(), dir.path())).get();
+        upsPtr = (ups = std::make_unique<UpsDataBlock>(&clock)).get();
         IpcCTrlCTh::Wiring w;
-        w.table = &tablePtr;
-        w.config = &configPtr;
-        w.ups = &upsPtr;
-        w.clock = &clock;
-        th.reset(new IpcCTrlCTh(ThCtrlSlot0, core.get(), w));
+        w.table = &tablePtr, w.config = &configPtr, w.ups = &upsPtr, w.clock = &clock;
+        th = std::make_unique<IpcCTrlCTh>(ThCtrlSlot0, core.get(), w);
         th->Start();
         events();
     }
@@ -73,8 +66,7 @@ public:
         event(EvNetReceived);
     }
 
-    // Everything queued since the last call, oldest first; time-outs armed
-    // as the transport arms them.
+    // Everything queued since the last call, oldest first; time-outs armed.
     std::vector<IPC_DATA_REC> transmit()
     {
         std::vector<IPC_DATA_REC> out;
@@ -83,12 +75,7 @@ public:
             if (rec.ret.timeOut > 0 && rec.ret.awaited != -1) {
                 const int id = table->GetTimerID();
                 table->SetTimerInfo(id, &rec.ret);
-                _NOTIFYMSGINFO nt{};
-                nt.code = NtNetTimerStart;
-                nt.count = 4;
-                nt.params[0] = id;
-                nt.params[1] = rec.ret.timeOut;
-                nt.params[3] = rec.ret.threadId;
+                _NOTIFYMSGINFO nt{NtNetTimerStart, 4, {id, rec.ret.timeOut, 0, rec.ret.threadId}};
                 core->SetNotify(&nt);
             }
             out.push_back(rec);
@@ -97,8 +84,7 @@ public:
         return out;
     }
 
-    // transmit(), each described by DG2Describe.
-    std::vector<std::string> sent()
+    std::vector<std::string> sent() // transmit(), each described
     {
         std::vector<std::string> out;
         for (const IPC_DATA_REC& rec : transmit())
@@ -110,10 +96,8 @@ public:
     void expire(int id)
     {
         running.erase(id);
-        if (id >= TmNet2First && id <= TmNet2Last)
-            event(EvNetTimeout2, {id - TmNet2First});
-        else
-            event(EvNetTimeout, {id});
+        const bool second = id >= TmNet2First && id <= TmNet2Last;
+        event(second ? EvNetTimeout2 : EvNetTimeout, {second ? id - TmNet2First : id});
     }
 
     // The running reply time-outs (ids 30..265).
@@ -152,9 +136,7 @@ public:
     static DG2MessageType settingsAnswer(const std::string& from, const std::string& hostName)
     {
         DG2Settings s;
-        s.hostName = hostName;
-        s.groupName = "rack-3";
-        s.port = 3069;
+        s.hostName = hostName, s.groupName = "rack-3", s.port = 3069;
         return fromMember(DG2::MsgSettings, from).result(0)
             .pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); }).msg();
     }
@@ -169,18 +151,16 @@ public:
     std::unique_ptr<UpsDataBlock> ups;
     UpsDataBlock* upsPtr = nullptr;
     std::unique_ptr<IpcCTrlCTh> th;
-    // Timers the core was asked to run (started, not stopped) and their
-    // expiry. As in the timer service, starting a running timer changes nothing.
+    // Timers started and not stopped, with their expiry (a second start changes nothing).
     std::set<int> running;
     std::map<int, int> expiry;
 
 private:
     std::pair<int, DUP_MEMB_INFO> lookup(const std::string& id)
     {
-        std::vector<char> key(id.begin(), id.end());
-        key.push_back('\0');
+        std::string key = id;
         DUP_MEMB_INFO rec;
-        const int slot = table->GetMembInfo(key.data(), &rec);
+        const int slot = table->GetMembInfo(&key[0], &rec);
         return {slot, rec};
     }
     // Takes the core's queued events: timer starts and stops update `running`.

@@ -14,9 +14,7 @@ public:
     explicit DG2Builder(uint8_t msgNo)
     {
         memset(&mMsg, 0, sizeof mMsg);
-        mMsg.magic = DG2::kMagic;
-        mMsg.result = DG2::kResultRequest;
-        mMsg.msgNo = msgNo;
+        mMsg.magic = DG2::kMagic, mMsg.result = DG2::kResultRequest, mMsg.msgNo = msgNo;
         const DG2::BodyLayout* layout = DG2::findLayout(msgNo);
         mMsg.bodyLen = layout ? layout->bodySize : 0;
     }
@@ -27,28 +25,21 @@ public:
     DG2Builder& from(const char* name, uint16_t kind)
     {
         DG2SetField(mMsg.srcName, sizeof mMsg.srcName, name);
-        mMsg.srcKind = kind;
-        return *this;
+        return mMsg.srcKind = kind, *this;
     }
     DG2Builder& to(const char* name, uint16_t kind)
     {
         DG2SetField(mMsg.dstName, sizeof mMsg.dstName, name);
-        mMsg.dstKind = kind;
-        return *this;
+        return mMsg.dstKind = kind, *this;
     }
     // Raw body bytes at a body offset (the body length is left as it is).
-    DG2Builder& bodyBytes(size_t at, const std::string& bytes)
-    {
-        memcpy(mMsg.body + at, bytes.data(), bytes.size());
-        return *this;
-    }
+    DG2Builder& bodyBytes(size_t at, const std::string& b) { return memcpy(mMsg.body + at, b.data(), b.size()), *this; }
     // A pack helper's result: fn(DG2MessageType*) returns the body size.
     template <class Pack>
     DG2Builder& pack(Pack fn)
     {
-        int n = fn(&mMsg);
-        if (n >= 0)
-            mMsg.bodyLen = static_cast<uint16_t>(n);
+        const int n = fn(&mMsg);
+        mMsg.bodyLen = n >= 0 ? static_cast<uint16_t>(n) : mMsg.bodyLen;
         return *this;
     }
 
@@ -58,9 +49,8 @@ public:
     std::string wire() const
     {
         DG2MessageType copy = mMsg;
-        size_t size = DG2::kHeaderSize + copy.bodyLen;
-        SetHedVer(&copy);
-        ByteOrderChg(&copy);
+        const size_t size = DG2::kHeaderSize + copy.bodyLen;
+        SetHedVer(&copy), ByteOrderChg(&copy);
         return std::string(reinterpret_cast<const char*>(&copy), size);
     }
 

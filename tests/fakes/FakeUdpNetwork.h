@@ -1,9 +1,8 @@
-// FakeUdpNetwork: an in-memory UDP network for the transport's tests. A send
-// to a broadcast address (addBroadcast; "255.255.255.255" always) reaches
-// every socket on that port, any other the socket bound to that address and
-// port, else one bound to any address. Each socket's descriptor is an eventfd
-// readable while datagrams wait, so a poll loop runs as on real sockets;
-// sent() records every datagram sent. One network stands for many hosts.
+// FakeUdpNetwork: an in-memory UDP network standing for many hosts. A send to a
+// broadcast address (addBroadcast; "255.255.255.255" always) reaches every socket
+// on that port, any other the socket bound to that address and port, else one
+// bound to any address. A socket's descriptor is an eventfd readable while
+// datagrams wait, so poll loops run as on real sockets; sent() records all.
 #pragma once
 
 #include <algorithm>
@@ -66,9 +65,7 @@ public:
             Datagram d = std::move(mQueue.front());
             mQueue.pop_front();
             std::memcpy(buffer, d.bytes.data(), std::min(capacity, d.bytes.size()));
-            info.size = d.bytes.size();
-            info.address = d.fromAddress;
-            info.port = d.fromPort;
+            info.size = d.bytes.size(), info.address = d.fromAddress, info.port = d.fromPort;
             return info.size > capacity ? UdpStatus::Truncated : UdpStatus::Ok;
         }
         UdpStatus send(const void* data, size_t size, const std::string& address, uint16_t port) override
@@ -94,10 +91,8 @@ public:
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             if (mFd >= 0)
                 ::close(mFd);
-            mFd = -1;
-            mPort = 0;
-            mAddress.clear();
-            mQueue.clear();
+            mFd = -1, mPort = 0;
+            mAddress.clear(), mQueue.clear();
         }
 
     private:
@@ -105,9 +100,8 @@ public:
         UdpStatus fail(int err) { mError = err; return UdpStatus::Error; }
         void enqueueLocked(const Datagram& d)
         {
-            mQueue.push_back(d);
             const uint64_t one = 1;
-            (void)!::write(mFd, &one, sizeof one);
+            mQueue.push_back(d), (void)!::write(mFd, &one, sizeof one);
         }
 
         FakeUdpNetwork& mNet;
@@ -121,7 +115,7 @@ public:
     // Sockets must be destroyed before the network.
     std::unique_ptr<Socket> socket()
     {
-        std::unique_ptr<Socket> s(new Socket(*this));
+        auto s = std::make_unique<Socket>(*this);
         std::lock_guard<std::mutex> l(mMutex);
         mSockets.push_back(s.get());
         return s;
@@ -137,23 +131,19 @@ private:
     }
     void deliverLocked(const Datagram& d)
     {
-        std::vector<Socket*> bound;
-        for (Socket* s : mSockets)
-            if (s->mFd >= 0 && s->mPort == d.toPort)
-                bound.push_back(s);
-        if (mBroadcast.count(d.toAddress) != 0) {
-            for (Socket* s : bound)
-                s->enqueueLocked(d);
-            return;
-        }
+        const bool broadcast = mBroadcast.count(d.toAddress) != 0;
         Socket* any = nullptr;
-        for (Socket* s : bound) {
-            if (s->mAddress == d.toAddress)
-                return s->enqueueLocked(d);
-            if (s->mAddress.empty() && any == nullptr)
+        for (Socket* s : mSockets) {
+            if (s->mFd < 0 || s->mPort != d.toPort)
+                continue;
+            if (broadcast || s->mAddress == d.toAddress)
+                s->enqueueLocked(d);
+            else if (s->mAddress.empty() && any == nullptr)
                 any = s;
+            if (!broadcast && s->mAddress == d.toAddress)
+                return;
         }
-        if (any != nullptr)
+        if (any != nullptr && !broadcast)
             any->enqueueLocked(d);
     }
 

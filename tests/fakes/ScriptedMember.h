@@ -1,10 +1,8 @@
 // ScriptedMember: a shutdown member played by a test over real UDP on the
-// loopback. It speaks the coordination datagrams from the daemon's own
-// definitions (DG2Builder, the body pack helpers): it sends registrations
-// and raw bytes to a controller, receives what the controller sends (checked
-// as a member checks it), and answers requests the way a member does (same
-// number, result 0, the body echoed; its own host name in the settings).
-// Every receive is bounded by a deadline.
+// loopback, speaking the daemon's own datagram definitions. It sends
+// registrations and raw bytes to a controller, receives what a member would
+// accept, and answers requests as a member does (same number, result 0, body
+// echoed; its own host name in the settings). Every receive has a deadline.
 #pragma once
 
 #include <chrono>
@@ -20,9 +18,7 @@
 
 class ScriptedMember {
 public:
-    // address: the loopback address to send from (127.0.0.x); name: the
-    // source name of its datagrams (its member ID when it registers by host
-    // name); the controller's address and port.
+    // Sends from `address` (127.0.0.x) under source name `name` to the controller.
     ScriptedMember(const std::string& address, const std::string& name, const std::string& ctrlAddress,
                    uint16_t ctrlPort)
         : mAddress(address), mName(name), mCtrlAddress(ctrlAddress), mCtrlPort(ctrlPort)
@@ -32,7 +28,6 @@ public:
 
     bool ok() const { return mOk; }
     uint16_t port() const { return mSocket.localPort(); }
-    const std::string& address() const { return mAddress; }
     void setName(const std::string& name) { mName = name; }
     // Destination name of its datagrams (default: the controller's address).
     void setControllerName(const std::string& name) { mCtrlName = name; }
@@ -40,36 +35,23 @@ public:
     // A registration request: member ID in the body (empty on a first one).
     DG2MessageType registration(const std::string& memberId = "") const
     {
-        DG2Address a;
-        a.memberId = memberId;
-        a.address = mAddress;
-        a.port = port();
-        return DG2Builder(DG2::MsgRegister)
-            .from(mName.c_str(), DG2::KindMember)
-            .to(controllerName().c_str(), DG2::KindController)
+        const DG2Address a{memberId, mAddress, port()};
+        return builder(DG2::MsgRegister)
             .pack([&](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, a); })
             .msg();
     }
-
-    // A request of this member with an empty body of the message's size.
-    DG2MessageType request(uint8_t msgNo) const
-    {
-        return DG2Builder(msgNo).from(mName.c_str(), DG2::KindMember).to(controllerName().c_str(),
-                                                                           DG2::KindController).msg();
-    }
-
+    // A request with an empty body of the message's size.
+    DG2MessageType request(uint8_t msgNo) const { return builder(msgNo).msg(); }
     // The member's answer to a controller's request.
     DG2MessageType replyTo(const DG2MessageType& req) const
     {
         DG2Builder b(req);
         b.result(DG2::kResultOk).from(mName.c_str(), DG2::KindMember).to(controllerName().c_str(),
                                                                           DG2::KindController);
-        if (req.msgNo == DG2::MsgSettings) {
-            DG2Settings s;
-            if (DG2UnpackSettings(req, &s)) {
-                s.hostName = mName + "-host";
-                b.pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); });
-            }
+        DG2Settings s;
+        if (req.msgNo == DG2::MsgSettings && DG2UnpackSettings(req, &s)) {
+            s.hostName = mName + "-host";
+            b.pack([&](DG2MessageType* m) { return DG2PackSettings(m, s); });
         }
         return b.msg();
     }
@@ -80,8 +62,7 @@ public:
         return mSocket.send(bytes.data(), bytes.size(), mCtrlAddress, mCtrlPort) == UdpStatus::Ok;
     }
 
-    // The next datagram a member would accept, within `seconds`; false when
-    // none came. Datagrams a member drops are counted in dropped().
+    // The next datagram a member would accept, within `seconds`; false when none came.
     bool receive(DG2MessageType* out, double seconds)
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -96,19 +77,15 @@ public:
             DG2MessageType m;
             memset(&m, 0, sizeof m);
             UdpDatagramInfo info;
-            if (mSocket.receive(&m, sizeof m, info) != UdpStatus::Ok)
-                continue;
-            if (DG2CheckReceived(&m, info.size, DG2Role::Member) != DG2Drop::DG2Accepted) {
-                ++mDropped;
-                continue;
+            if (mSocket.receive(&m, sizeof m, info) == UdpStatus::Ok &&
+                DG2CheckReceived(&m, info.size, DG2Role::Member) == DG2Drop::DG2Accepted) {
+                *out = m;
+                return true;
             }
-            *out = m;
-            return true;
         }
     }
 
-    // Hands everything received within `seconds` to fn until it returns
-    // false.
+    // Hands everything received within `seconds` to fn until it returns false.
     template <class Fn>
     void each(double seconds, Fn fn)
     {
@@ -121,9 +98,8 @@ public:
         }
     }
 
-    // Answers every request of the controller (replies it sends are only
-    // recorded) until message `last` was received and answered, or for
-    // `seconds`. The numbers received, in order.
+    // Answers every request until message `last` was received, or for
+    // `seconds`; the numbers received, in order.
     std::vector<int> answerUntil(int last, double seconds)
     {
         std::vector<int> seen;
@@ -140,24 +116,20 @@ public:
     std::vector<DG2MessageType> collect(double seconds)
     {
         std::vector<DG2MessageType> all;
-        each(seconds, [&](const DG2MessageType& m) {
-            all.push_back(m);
-            return true;
-        });
+        each(seconds, [&](const DG2MessageType& m) { return all.push_back(m), true; });
         return all;
     }
 
-    int dropped() const { return mDropped; }
-
 private:
     std::string controllerName() const { return mCtrlName.empty() ? mCtrlAddress : mCtrlName; }
+    DG2Builder builder(uint8_t msgNo) const
+    {
+        return DG2Builder(msgNo).from(mName.c_str(), DG2::KindMember).to(controllerName().c_str(),
+                                                                          DG2::KindController);
+    }
 
     SystemUdpSocket mSocket;
     bool mOk = false;
-    std::string mAddress;
-    std::string mName;
-    std::string mCtrlAddress;
-    std::string mCtrlName;
+    std::string mAddress, mName, mCtrlAddress, mCtrlName;
     uint16_t mCtrlPort;
-    int mDropped = 0;
 };

@@ -3,8 +3,10 @@
 // Replies are scripted per command code; every write is recorded with its speed.
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -18,45 +20,33 @@ public:
     // Bytes that begin to arrive delayMs after the write, chunk bytes (0: all) every gapMs.
     struct Reply {
         std::string bytes;
-        int delayMs = 0;
-        int chunk = 0;
-        int gapMs = 50;
+        int delayMs = 0, chunk = 0, gapMs = 50;
     };
 
     int openResult = 7;          // what open() gives (-1: fails)
-    bool rawFails = false;
-    bool readFails = false;      // read() returns -1
+    bool rawFails = false, readFails = false, dsrFollowsDtr = false;
     bool hungUp = false;         // read() and write() fail until the next open()
     int shortWriteBy = 0;        // write() takes this many bytes fewer
-    bool dsrFollowsDtr = false;
     std::string pnpText;         // sent 100 ms after every DTR rise, when not empty
     std::set<int> answerSpeeds;  // speeds the UPS answers at (empty: any)
 
-    // Answer the next frame with this command code once.
-    void queueReply(unsigned char code, const std::string& bytes, int delayMs = 0)
-    {
-        queueReply(code, Reply{bytes, delayMs});
-    }
+    // Answer the next frame with this command code once; standing: every one after the queued ones.
+    void queueReply(unsigned char code, const std::string& b, int delay = 0) { queueReply(code, Reply{b, delay}); }
     void queueReply(unsigned char code, const Reply& r) { mOnce[code].push_back(r); }
-    // Answer every frame with this command code (after the queued ones).
     void standingReply(unsigned char code, const std::string& bytes) { mStanding[code] = Reply{bytes}; }
     void clearReplies() { mOnce.clear(), mStanding.clear(); }
 
-    std::vector<std::string> writes;  // every write, as given
-    std::vector<int> writeSpeeds;     // the speed set at each write
-    std::vector<std::string> openedPaths;
+    std::vector<std::string> writes, openedPaths;  // every write, as given; every open
+    std::vector<int> writeSpeeds;                   // the speed set at each write
     bool rts = false;
     long nowMs() const { return mNow; }
-    // The framed writes with this command code.
+    // The framed writes with this command code; the codes of all framed writes, in order.
     std::vector<std::string> framesWithCode(unsigned char code) const
     {
         std::vector<std::string> out;
-        for (const std::string& w : writes)
-            if (codeOf(w) == code)
-                out.push_back(w);
+        std::copy_if(writes.begin(), writes.end(), std::back_inserter(out), [&](auto& w) { return codeOf(w) == code; });
         return out;
     }
-    // Command codes of all framed writes, in order.
     std::vector<int> codesWritten() const
     {
         std::vector<int> out;
@@ -83,18 +73,15 @@ public:
             sum += c;
         return f + static_cast<char>((0x100 - (sum & 0xFF)) & 0xFF);
     }
-    // A complete single-frame reply.
+    // A complete single-frame reply; the accepted answer to an action command (block 9 echoing the code).
     static std::string reply(int block, const std::string& data) { return frame(block, 0x81, data); }
-    // The accepted answer to an action command (block 9 echoing the code).
     static std::string actionReply(unsigned char code) { return reply(9, bytes({0x31, code})); }
     static std::string hex(const std::string& s)
     {
         std::string out;
         char buf[4];
-        for (size_t i = 0; i < s.size(); ++i) {
-            snprintf(buf, sizeof buf, i ? " %02X" : "%02X", static_cast<unsigned char>(s[i]));
-            out += buf;
-        }
+        for (unsigned char c : s)
+            snprintf(buf, sizeof buf, "%02X", c), out += (out.empty() ? "" : " ") + std::string(buf);
         return out;
     }
 
@@ -133,12 +120,10 @@ public:
         if (code < 0 || (!answerSpeeds.empty() && !answerSpeeds.count(mSpeed)))
             return count - shortWriteBy;
         std::deque<Reply>& once = mOnce[code];
-        if (!once.empty()) {
-            schedule(once.front());
-            once.pop_front();
-        } else if (mStanding.count(code)) {
+        if (!once.empty())
+            schedule(once.front()), once.pop_front();
+        else if (mStanding.count(code))
             schedule(mStanding[code]);
-        }
         return count - shortWriteBy;
     }
     void flush() override
@@ -151,14 +136,9 @@ public:
     {
         if (on && !mDtr && !pnpText.empty())
             mIncoming.emplace(mNow + 100, pnpText);
-        mDtr = on;
-        return true;
+        return mDtr = on, true;
     }
-    bool getModemStatus(int* status) override
-    {
-        *status = dsrFollowsDtr && mDtr ? kDataSetReady : 0;
-        return true;
-    }
+    bool getModemStatus(int* status) override { return *status = dsrFollowsDtr && mDtr ? kDataSetReady : 0, true; }
     bool clearBreak() override { return true; }
 
 private:
@@ -181,6 +161,5 @@ private:
     std::multimap<long, std::string> mIncoming;
     long mNow = 0;
     int mSpeed = 0;
-    bool mOpen = false;
-    bool mDtr = false;
+    bool mOpen = false, mDtr = false;
 };

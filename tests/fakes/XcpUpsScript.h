@@ -34,9 +34,7 @@ struct XcpUpsScript {
     std::string configuration() const
     {
         std::string b(96, '\0');
-        b[0] = static_cast<char>(230);
-        b[36] = 2;
-        b[37] = 1;
+        b[0] = static_cast<char>(230), b[36] = 2, b[37] = 1;
         return b.replace(64, 7, "SN-0042");
     }
     std::string limits() const { return word(230) + word(50) + word(30) + "KS" + std::string(23, '\0'); }
@@ -64,8 +62,8 @@ struct XcpUpsScript {
         std::string outlets = P::bytes({2, 6});
         for (int seg = 1; seg <= 2; ++seg)
             outlets += P::bytes({seg, outletState, 0, 0, 0, 0});
-        port.standingReply(0xA0, P::reply(1, identification()));
-        port.standingReply(0x31, P::reply(1, identification()));
+        for (unsigned char code : {0xA0, 0x31})
+            port.standingReply(code, P::reply(1, identification()));
         port.standingReply(0x33, P::reply(3, P::bytes({0x50, 100, 30, 0})));
         port.standingReply(0x34, P::reply(4, meters));
         port.standingReply(0x36, P::reply(6, configuration()));

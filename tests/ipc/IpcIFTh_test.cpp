@@ -1,5 +1,5 @@
-// The UDP transport on the in-memory network, pass by pass: receive checks, member routing,
-// where records go in what bytes, time-outs, the close send, the silence tick, sockets.
+// The UDP transport on the in-memory network, pass by pass: receive checks, member routing, targets,
+// wire bytes, time-outs, the close send, the silence tick, sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -41,16 +41,11 @@ std::vector<std::pair<DG2MessageType, size_t>> inbox(UdpSocket& s)
     return got;
 }
 
-IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, int timeOut = 0, int awaited = -1,
-                    int thread = ThCtrlSlot0)
+IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, int timeOut = 0, int awaited = -1)
 {
     IPC_DATA_REC r{};
-    r.mode = mode;
-    r.msg = b.msg();
+    r.mode = mode, r.msg = b.msg(), r.threadId = ThCtrlSlot0, r.ret.timeOut = timeOut, r.ret.awaited = awaited;
     DG2SetField(r.name, sizeof r.name, name);
-    r.threadId = thread;
-    r.ret.timeOut = timeOut;
-    r.ret.awaited = awaited;
     return r;
 }
 DG2Builder fromMember(uint8_t msg, const char* src = "127.0.0.5")
@@ -151,10 +146,8 @@ TEST(IpcIFThMember, DatagramsComeOnlyFromTheControllersItFollowsEachToItsSlot)
     r.member("@CTRL1", "127.0.0.2", 3069, MembActive, ThCtrlSlot0);
     r.member("@CTRL2", "127.0.0.3", 3069, MembActive, ThCtrlSlot1);
     r.member("@CTRL3", "", 3069, MembActive, ThCtrlSlot2);
-    auto c1 = r.peer("127.0.0.2", 3069);
-    auto c2 = r.peer("127.0.0.3", 3069);
-    auto byId = r.peer("127.0.0.7", 3069);
-    auto stranger = r.peer("127.0.0.9", 3069);
+    auto c1 = r.peer("127.0.0.2", 3069), c2 = r.peer("127.0.0.3", 3069);
+    auto byId = r.peer("127.0.0.7", 3069), stranger = r.peer("127.0.0.9", 3069);
     // Does a datagram from `from` naming `dst` reach slot thread `th` (0: is it dropped)?
     auto reaches = [&r](UdpSocket& from, const char* dst, int th) {
         r.sendTo(from, fromController(DG2::MsgPowerReport, dst).wire(), "127.0.0.64", 3070);
@@ -169,8 +162,7 @@ TEST(IpcIFThMember, DatagramsComeOnlyFromTheControllersItFollowsEachToItsSlot)
     // Identity: by " ID" until its address is known, then only there.
     EXPECT_TRUE(reaches(*byId, " memb-id", ThCtrlSlot2));
     DUP_MEMB_INFO rec;
-    r.data.GetMembInfo(const_cast<char*>("@CTRL3"), &rec);
-    r.data.SetMembIPAddr(&rec, "127.0.0.7");
+    r.data.GetMembInfo(const_cast<char*>("@CTRL3"), &rec), r.data.SetMembIPAddr(&rec, "127.0.0.7");
     EXPECT_TRUE(reaches(*stranger, " memb-id", 0));
     EXPECT_TRUE(reaches(*byId, "x", ThCtrlSlot2));
 }
@@ -188,8 +180,7 @@ TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsTheNetworkTimersAndAft
     // The quiet-network rule: health checks and reply time-outs stop.
     const V stopAll = {"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
                        "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"};
-    ticks(1, 10800);
-    ticks(1, -3600);
+    ticks(1, 10800), ticks(1, -3600);
     EXPECT_EQ(ticks(120, 1), V{}) << "jumps are not silence; 120 s is not more than 120 s";
     EXPECT_EQ(ticks(1, 1), stopAll);
     ticks(100, 1);
@@ -214,13 +205,11 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
     r.member("memb-b", "127.0.0.6", 6002, MembNotActive);
     r.member(" ident", "127.0.0.8", 6004);
     r.member("memb-bc", "", 6005, MembNotActive);
-    auto a = r.peer("127.0.0.5", 6001);
-    auto b = r.peer("127.0.0.6", 6002);
-    auto id = r.peer("127.0.0.8", 6004);
+    auto a = r.peer("127.0.0.5", 6001), b = r.peer("127.0.0.6", 6002), id = r.peer("127.0.0.8", 6004);
 
     // One member, with a time-out: "@" source replaced by the target, stamped, header + body bytes.
     const time_t t0 = r.clock.now();
-    r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport).from("@", 19), 10, 141));
+    r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport).from("@", DG2::KindController), 10, 141));
     auto got = inbox(*a);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(text(got[0].first.srcName) + " " + std::to_string(got[0].first.hedVer) + " " +

@@ -1,5 +1,4 @@
-// The log thread: event-log lines, member files, operator broadcasts (one
-// quoted shell word), the message-file switch and write failures, in UTC.
+// The log thread: event-log lines, member files, broadcasts, the message-file switch, write failures.
 #include "log/LogTh.h"
 
 #include <gtest/gtest.h>
@@ -51,17 +50,14 @@ protected:
 
 TEST_F(LogThTest, EventLogLinesOriginAndMemberFilesUnderPath)
 {
-    // Message 0's value stands for "$MINUTES" and is not read as message
-    // "5"; the next item is a message again. A count of 1 or less writes
-    // nothing; a missing message number gives an empty text; an unreadable
-    // host name is "localhost"; the next second starts December's file.
+    // Message 0's value fills "$MINUTES" (not read as message 5); a count of 1 writes nothing; a missing
+    // message is an empty text; an unreadable host name is "localhost"; the next second is December's file.
     post(EvLog, {1, 0, 5, 5});
     clock.advance(1);
     post(EvLog, {1});
     log.setHostNameSource([](char*, size_t) { return -1; });
     post(EvLog, {1, 6, 999});
-    // Origin: only a member names the controller it follows, not for its own
-    // entries (index 1) nor for a slot without a thread.
+    // Only a member names the controller it follows, not for index 1 nor for a slot without a thread.
     IpcCTrlMTh member(8);
     threads[0] = &member;
     post(EvLog, {8, 11});
@@ -74,8 +70,7 @@ TEST_F(LogThTest, EventLogLinesOriginAndMemberFilesUnderPath)
     EXPECT_EQ(readFile(dir + "/log/202612.log"),
               s + "Up on localhost\n" + s + "\n" + s + "Link\n" + s + "(10.1.2.3?)Link\n" + s + "Link\n");
 
-    // Controller information and the shutdown log go under "Path", with
-    // the slot's display name made printable.
+    // Controller information and the shutdown log go under "Path", the slot's name made printable.
     config.setConf("AppTermCommand1", "/usr/bin/stop");
     ctrl.setShutdownTiming(0);
     ctrl.SetMemberContActive(0, true);
@@ -93,10 +88,8 @@ TEST_F(LogThTest, BroadcastsReachWallAsOneQuotedWordAndSpillWhenItFails)
     ScopedShell recording(&shell);
     log.MsgDisp("it's");
     EXPECT_EQ(shell.runCommands(), std::vector<std::string>{"wall 'it'\\''s'"});
-    // Through the real shell, with a "wall" that refuses a text holding
-    // "refused" and reads a file: it gets each text as its one argument,
-    // nothing in a text runs, and the spill file holds the text only while
-    // the second "wall" runs.
+    // A real shell and a "wall" refusing "refused": each text is its one argument, nothing in it runs,
+    // and the spill file holds the text only while the second "wall" runs.
     SystemShellRunner real;
     ScopedShell system(&real);
     fs::create_directories(dir + "/bin"), fs::create_directories(home);
@@ -122,29 +115,23 @@ TEST_F(LogThTest, BroadcastsReachWallAsOneQuotedWordAndSpillWhenItFails)
 
 TEST_F(LogThTest, MessageFileSwitchLoadsOnceAndAMissingFileKeepsTheTexts)
 {
-    // Each variant is loaded once; any mode but 3 selects "alert.rc".
     writeFile(dir + "/alert3so.rc", "2=three so\n");
     post(EvMessageFile, {3});
     FileMap* first = messages;
     writeFile(dir + "/alert3so.rc", "2=back\n");
-    log.ReloadAlertFile(3);
-    EXPECT_EQ(messages, first);
-    EXPECT_EQ(first->getConf("2"), "three so");
+    log.ReloadAlertFile(3); // loaded once
+    EXPECT_TRUE(messages == first && first->getConf("2") == "three so");
     log.ReloadAlertFile(0);
     FileMap* second = messages;
-    log.ReloadAlertFile(1);
-    EXPECT_EQ(messages, second);
-    EXPECT_EQ(second->getConf("2"), "$MACHINE: cancelled");
-    // A missing file: the texts in use stay, said once, the daemon goes on;
-    // the next request loads the file once it is back.
+    log.ReloadAlertFile(1); // any mode but 3 is "alert.rc"
+    EXPECT_TRUE(messages == second && second->getConf("2") == "$MACHINE: cancelled");
+    // A missing file keeps the texts in use, said once; the next request after it is back loads it.
     fs::rename(dir + "/alert3so.rc", dir + "/saved.rc");
     testing::internal::CaptureStderr();
-    post(EvMessageFile, {3});
-    post(EvMessageFile, {3});
+    post(EvMessageFile, {3}), post(EvMessageFile, {3});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "kestrava: cannot read the message file " + dir + "/alert3so.rc; the texts in use are kept\n");
-    EXPECT_FALSE(FatalStop::requested());
-    EXPECT_EQ(messages, second);
+    EXPECT_TRUE(!FatalStop::requested() && messages == second);
     fs::rename(dir + "/saved.rc", dir + "/alert3so.rc");
     post(EvMessageFile, {3});
     EXPECT_EQ(messages->getConf("2"), "back");
@@ -155,8 +142,7 @@ TEST_F(LogThTest, WriteFailuresAreReportedOnceUntilAWriteSucceeds)
     const std::string missing = dir + "/missing/deeper";
     config.setConf("Path", missing);
     testing::internal::CaptureStderr();
-    post(EvLog, {1, 6});
-    post(EvLog, {1, 6});
+    post(EvLog, {1, 6}), post(EvLog, {1, 6});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "kestrava: cannot create the log directory " + missing + "/log: No such file or directory\n"
               "kestrava: cannot write the log file " + missing + "/log/202611.log: No such file or directory; "
