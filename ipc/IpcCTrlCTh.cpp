@@ -67,19 +67,10 @@ void IpcCTrlCTh::Start()
     table().LoadMembInfo();
 }
 
-void IpcCTrlCTh::thread_main()
+std::string IpcCTrlCTh::unwired() const
 {
-    EVENTMSGINFO ev;
-    if (!mWired) {
-        ErrorLog::report("controller protocol thread has no member table or configuration: members are not served");
-        for (;;)
-            mCoreRef->GetEvent(&ev, GetMyThrad());
-    }
-    Start();
-    for (;;) {
-        mCoreRef->GetEvent(&ev, GetMyThrad());
-        HandleEvent(ev);
-    }
+    return mWired ? std::string()
+                  : "controller protocol thread has no member table or configuration: members are not served";
 }
 
 void IpcCTrlCTh::HandleEvent(const EVENTMSGINFO& ev)

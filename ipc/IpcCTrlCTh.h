@@ -47,10 +47,10 @@ public:
     // Start of the thread: own address ("IPAddress") as own name, identity
     // text ("SetUpID", a leading "*" made a space) as destination text, the
     // member file loaded.
-    void Start();
+    void Start() override;
     // One pass of the event loop: 600, 602, 603, 604, 800, 801, 802; other
     // events are ignored.
-    void HandleEvent(const EVENTMSGINFO& ev);
+    void HandleEvent(const EVENTMSGINFO& ev) override;
 
     // ---- requests to all active members ----
     int SendPowerWong();                     // 141, time-out 10, limit 0
@@ -109,7 +109,7 @@ public:
     int DroppedUnreported() const { return mDropped; }
 
 protected:
-    void thread_main() override;
+    std::string unwired() const override;
     int Resend(unsigned char msg) override;
     void GiveUp(unsigned char msg) override;
 

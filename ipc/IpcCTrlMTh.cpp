@@ -216,20 +216,11 @@ void IpcCTrlMTh::Start()
     SDM_35(false);
 }
 
-void IpcCTrlMTh::thread_main()
+std::string IpcCTrlMTh::unwired() const
 {
-    EVENTMSGINFO ev;
-    if (!mWired) {
-        ErrorLog::report("member protocol thread " + std::to_string(GetMyThrad()) +
-                         " has no member table or configuration: its controller is not followed");
-        for (;;)
-            mCoreRef->GetEvent(&ev, GetMyThrad());
-    }
-    Start();
-    for (;;) {
-        mCoreRef->GetEvent(&ev, GetMyThrad());
-        HandleEvent(ev);
-    }
+    return mWired ? std::string()
+                  : "member protocol thread " + std::to_string(GetMyThrad()) +
+                        " has no member table or configuration: its controller is not followed";
 }
 
 void IpcCTrlMTh::HandleEvent(const EVENTMSGINFO& ev)

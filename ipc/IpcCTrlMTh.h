@@ -64,9 +64,9 @@ public:
 
     // Start of the thread: the slot's keys read, the controller record
     // entered ("@CTRL<n>"), the first communication-error timer, message 35.
-    void Start();
+    void Start() override;
     // One pass of the event loop: 600, 601, 603, 604, 802, 803.
-    void HandleEvent(const EVENTMSGINFO& ev);
+    void HandleEvent(const EVENTMSGINFO& ev) override;
 
     // ---- requests ----
     // Registration by sequence state: 0/1 a new registration (state 1),
@@ -123,7 +123,7 @@ public:
     const char* ResolvedAddress(int i) const;
 
 protected:
-    void thread_main() override;
+    std::string unwired() const override;
     int Resend(unsigned char msg) override;
     void GiveUp(unsigned char msg) override;
 

@@ -6,6 +6,7 @@
 #include "control/Codes.h"
 #include "control/Records.h"
 #include "control/StCTrl.h"
+#include "core/ErrorLog.h"
 #include "ipc/IpcData.h"
 
 IpcCTrlTh::IpcCTrlTh(int number, IpcData** table, StCTrl& core, std::string ownName, Role role)
@@ -21,6 +22,22 @@ IpcCTrlTh::IpcCTrlTh(int number, IpcData** table, StCTrl& core, std::string ownN
 }
 
 IpcCTrlTh::~IpcCTrlTh() = default;
+
+void IpcCTrlTh::thread_main()
+{
+    EVENTMSGINFO ev;
+    const std::string why = unwired();
+    if (!why.empty()) {
+        ErrorLog::report(why);
+        for (;;)
+            mCore.GetEvent(&ev, GetMyThrad());
+    }
+    Start();
+    for (;;) {
+        mCore.GetEvent(&ev, GetMyThrad());
+        HandleEvent(ev);
+    }
+}
 
 bool IpcCTrlTh::InstallTypeIsIP() const { return mCtrlAddr.empty() || mCtrlAddr[0] != '*'; }
 

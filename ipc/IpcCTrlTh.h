@@ -16,6 +16,7 @@
 
 class IpcData;
 class StCTrl;
+struct EVENTMSGINFO;
 
 class IpcCTrlTh : public tthread {
 public:
@@ -52,6 +53,10 @@ public:
     // Arms a time-out for message `awaited` without sending: the new timer id.
     int SetTimeOut(int awaited, int timeOut);
 
+    // Start of the thread, and one pass of its event loop (the sides).
+    virtual void Start() = 0;
+    virtual void HandleEvent(const EVENTMSGINFO& ev) = 0;
+
     // Communication-error timer of the current peer (by member number).
     int SetCommunicationErrorTimer_First(int time);
     int SetCommunicationErrorTimer();
@@ -79,6 +84,12 @@ public:
     const IPC_DATA_RET& WorkingBlock() const { return mRet; }
 
 protected:
+    // The thread: Start(), then every event through HandleEvent. A thread
+    // whose wiring is missing (unwired() says why) only takes its events off
+    // the queue, so they never hold up the others.
+    void thread_main() override;
+    virtual std::string unwired() const = 0;
+
     // The shared part of a reply time-out: fetches the timer block (none:
     // nothing, 0), loads the peer's member record, erases the timer, then
     // gives up (GiveUp, returns 2) when the counter reached a limit other

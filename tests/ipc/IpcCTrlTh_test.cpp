@@ -23,11 +23,14 @@ class ProbeTh : public IpcCTrlTh {
 public:
     using IpcCTrlTh::IpcCTrlTh;
     int timeOut(int id) { return HandleTimeOut(id); }
+    void Start() override {}
+    void HandleEvent(const EVENTMSGINFO&) override {}
     std::vector<int> gaveUp;
 
 protected:
     int Resend(unsigned char) override { return SendRetry(); }
     void GiveUp(unsigned char msg) override { gaveUp.push_back(msg); }
+    std::string unwired() const override { return ""; }
 };
 
 // A controller core, a member table with one member, and a protocol thread.
