@@ -46,14 +46,15 @@ public:
         core->getShutdownTiming(0);
         table.reset(new IpcData(*core, dir.path(), dir.path()));
         ups.reset(new UpsDataBlock(&clock));
-        p = {table.get(), config.get(), members.get(), ups.get()};
+        tableP = table.get(), configP = config.get(), membersP = members.get(), upsP = ups.get();
         th.reset(new IpcCTrlMTh(ThCtrlSlot0, core.get(),
-                                {&p.table, &p.config, &p.members, &p.ups, &clock, std::move(resolve)}));
+                                {&tableP, &configP, &membersP, &upsP, &clock, std::move(resolve)}));
         if (startNow)
             start();
     }
 
     void start() { th->Start(), events(); }
+
     void event(int code, const std::vector<int>& params = {})
     {
         th->HandleEvent(eventRecord(ThCtrlSlot0, code, params));
@@ -173,12 +174,9 @@ public:
     std::vector<EVENTMSGINFO> posted;
 
 private:
-    struct {
-        IpcData* table;
-        FileMap* config;
-        FileMap* members;
-        UpsDataBlock* ups;
-    } p{};
+    IpcData* tableP;
+    FileMap *configP, *membersP;
+    UpsDataBlock* upsP;
 
     void events()
     {

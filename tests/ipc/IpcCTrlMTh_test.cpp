@@ -94,8 +94,6 @@ TEST(IpcCTrlMThStart, FirstTimerAndRegistrationFollowHowTheControllerIsNamed)
     Member fresh;
     EXPECT_EQ(fresh.commErrLeft(), 60);
     EXPECT_EQ(fresh.th->Controller().status, MembNoEntry);
-    EXPECT_EQ(fresh.th->GetDisplayType(), 0);
-    EXPECT_EQ(fresh.th->GeDisplayHostName(), "127.0.0.1");
 
     Member known(Member::with(Member::with(Member::kIni, "MemberEntry1=0", "MemberEntry1=1"), "MyID1=", "MyID1=m-7"));
     EXPECT_EQ(known.commErrLeft(), 30);
