@@ -35,11 +35,9 @@ struct Controller {
         while (std::memset(&m, 0, sizeof m), socket->receive(&m, sizeof m, from) == UdpStatus::Ok) {
             ASSERT_EQ(DG2CheckReceived(&m, from.size, DG2Role::Controller), DG2Drop::DG2Accepted);
             received.push_back(m.msgNo);
-            for (DG2MessageType reply : answer ? answer(m, from) : std::vector<DG2MessageType>{}) {
-                const size_t size = DG2::kHeaderSize + reply.bodyLen;
-                SetHedVer(&reply);
-                ByteOrderChg(&reply);
-                socket->send(&reply, size, from.address, from.port);
+            for (const DG2MessageType& reply : answer ? answer(m, from) : std::vector<DG2MessageType>{}) {
+                const std::string wire = DG2Builder(reply).wire();
+                socket->send(wire.data(), wire.size(), from.address, from.port);
             }
         }
     }
