@@ -1,5 +1,5 @@
-// Host-name resolution for the member side: what reaches the requester and
-// that its ready flag is always set, whatever the lookup gave.
+// Host-name resolution for the member side, with the member that asks:
+// what reaches it, the ready flag always set, and the wait across threads.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,80 +7,73 @@
 #include <vector>
 
 #include "ipc/GetHostNameTh.h"
-#include "tests/fakes/EventRecords.h"
 #include "tests/fakes/MemberProtocolRig.h"
 
 namespace {
 
-std::string hostList(const std::string& name)
-{
-    std::string list = MemberProtocolRig::defaultList();
-    list.replace(list.find("IPAddress1=127.0.0.1"), 20, "IPAddress1=" + name);
-    return list;
-}
+using Strings = std::vector<std::string>;
+
+// A member following "ctrl-a" with a resolver that knows `known` for it;
+// the member's requests are served from another thread a little later, so
+// the member must wait for the answer.
+struct Resolving {
+    Strings known;
+    IpcCTrlMTh* requesters[4] = {};
+    GetHostNameTh host{ThHostName, requesters, nullptr, [this](const std::string& name, Strings* out) {
+                           *out = known;
+                           return name == "ctrl-a" && !known.empty();
+                       }};
+    std::thread worker;
+    MemberProtocolRig r{MemberProtocolRig::kIni, "ctrl-a", [this](int index) {
+                            worker = std::thread([this, index] {
+                                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                                host.GetHostName(index);
+                            });
+                        }, false};
+    Resolving() { requesters[0] = r.th.get(); }
+    ~Resolving() { settle(); }
+    void settle()
+    {
+        if (worker.joinable())
+            worker.join();
+    }
+    void event(int code) { r.event(code), settle(); }
+};
 
 } // namespace
 
-TEST(GetHostNameTh, ServesOnlyEvent900CutsTheListAt256AndAlwaysSetsTheFlag)
+TEST(GetHostNameTh, UnknownNameReportedOnceAddressesTriedInTurnAndTheListCutAt256)
 {
-    int calls = 0;
-    std::vector<std::string> answer;
+    Resolving x;
+    x.r.start();
+    x.settle();
+    x.event(EvTimersStopped);
+    EXPECT_TRUE(x.r.sent().empty());
+    EXPECT_EQ(x.r.logCodes(), std::vector<int>{292});
+    EXPECT_EQ(x.r.th->GetDisplayType(), 2);
+    EXPECT_EQ(x.r.th->GeDisplayHostName(), "ctrl-a");
+
+    x.known = {"127.0.0.7", "127.0.0.8"};
+    x.event(EvTimersStopped);
+    EXPECT_EQ(x.r.sent(), Strings{"35 register r255 17:127.0.0.2 -> 19:ctrl-a body 70"});
+    EXPECT_EQ(std::string(x.r.th->Controller().address), "127.0.0.7");
+    ASSERT_EQ(x.r.replyTimers().size(), 1u);
+    x.r.expire(x.r.replyTimers()[0]);
+    EXPECT_EQ(x.r.sent().size(), 1u);
+    EXPECT_EQ(std::string(x.r.th->Controller().address), "127.0.0.8");
+    EXPECT_EQ(x.r.logCodes(), std::vector<int>{292});
+
+    // Served on event 900: the list cut at 256, the flag set even when
+    // nothing was found.
+    x.known.clear();
     for (int i = 0; i < 300; ++i)
-        answer.push_back("10.213.0." + std::to_string(i));
-    // At start the registration's own request gets "unknown" at once.
-    IpcCTrlMTh* member = nullptr;
-    MemberProtocolRig r(MemberProtocolRig::defaultIni(), hostList("ctrl-a"),
-                        [&](int) { member->StoreResolved({}); }, false);
-    member = r.th.get();
-    IpcCTrlMTh* requesters[4] = {nullptr, nullptr, nullptr, nullptr};
-    GetHostNameTh host(ThHostName, requesters, r.core.get(),
-                       [&](const std::string& name, std::vector<std::string>* out) {
-                           ++calls;
-                           if (name != "ctrl-a")
-                               return false;
-                           *out = answer;
-                           return true;
-                       });
-    r.start();
-    EXPECT_EQ(r.th->GetSettingHostName(), "ctrl-a");
-
-    // No requester in the table, or another event: nothing happens.
-    EVENTMSGINFO ev = eventRecord(ThHostName, EvResolveHost, {0});
-    EXPECT_FALSE(host.writeAddr(&ev));
-    requesters[0] = r.th.get();
-    EVENTMSGINFO other = eventRecord(ThHostName, EvNetReceived, {0});
-    EXPECT_FALSE(host.writeAddr(&other));
-    EXPECT_EQ(calls, 0);
-    EXPECT_EQ(r.th->ResolvedCount(), 0);
-
-    ASSERT_TRUE(host.writeAddr(&ev));
-    EXPECT_TRUE(r.th->ResolvedReady());
-    EXPECT_EQ(r.th->ResolvedCount(), 256);
-    EXPECT_STREQ(r.th->ResolvedAddress(255), "10.213.0.255");
-
-    answer.clear();
-    ASSERT_TRUE(host.writeAddr(&ev));
-    EXPECT_TRUE(r.th->ResolvedReady());
-    EXPECT_EQ(r.th->ResolvedCount(), 0);
-}
-
-TEST(GetHostNameTh, TheRegistrationWaitsForAnAnswerFromAnotherThread)
-{
-    IpcCTrlMTh* requesters[4] = {nullptr, nullptr, nullptr, nullptr};
-    GetHostNameTh host(ThHostName, requesters, nullptr, [](const std::string&, std::vector<std::string>* out) {
-        *out = {"127.0.0.7"};
-        return true;
-    });
-    std::thread worker;
-    MemberProtocolRig r(MemberProtocolRig::defaultIni(), hostList("ctrl-a"), [&](int index) {
-        worker = std::thread([&host, index] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            host.GetHostName(index);
-        });
-    }, false);
-    requesters[0] = r.th.get();
-    r.start();
-    worker.join();
-    EXPECT_EQ(r.sent(), (std::vector<std::string>{"35 register r255 17:127.0.0.2 -> 19:ctrl-a body 70"}));
-    EXPECT_EQ(std::string(r.th->Controller().address), "127.0.0.7");
+        x.known.push_back("10.213.0." + std::to_string(i));
+    const EVENTMSGINFO ev = eventRecord(ThHostName, EvResolveHost, {0});
+    ASSERT_TRUE(x.host.writeAddr(&ev));
+    EXPECT_EQ(x.r.th->ResolvedCount(), 256);
+    EXPECT_STREQ(x.r.th->ResolvedAddress(255), "10.213.0.255");
+    x.known.clear();
+    ASSERT_TRUE(x.host.writeAddr(&ev));
+    EXPECT_TRUE(x.r.th->ResolvedReady());
+    EXPECT_EQ(x.r.th->ResolvedCount(), 0);
 }

@@ -1,5 +1,5 @@
-// The uninstall exchange on the in-memory network in virtual time (each pause lets the controllers
-// answer), against this system's controller protocol and scripted controllers.
+// The uninstall exchange on the in-memory network in virtual time (each pause
+// lets the controllers answer), against our controller and scripted ones.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -17,36 +17,32 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Ints = std::vector<int>;
 using Answer = std::function<std::vector<DG2MessageType>(const DG2MessageType& request, const UdpDatagramInfo& from)>;
-
 const char kOwn[] = "127.0.0.5";
-const uint16_t kOwnPort = 3069;
+const int kAllPasses = CtrlerUninst::kMaxRequests * CtrlerUninst::kPolls;
 
-// A controller on the network: answers what reached its socket (no `answer`: silent), in wire order.
+// A controller: answers what reached its socket (no `answer`: silent).
 struct Controller {
     std::unique_ptr<FakeUdpNetwork::Socket> socket;
     Answer answer;
-    std::vector<int> received; // message numbers, in order
+    Ints received; // message numbers, in order
 
     void serve()
     {
         DG2MessageType m;
         UdpDatagramInfo from;
         while (std::memset(&m, 0, sizeof m), socket->receive(&m, sizeof m, from) == UdpStatus::Ok) {
-            ASSERT_EQ(DG2CheckReceived(&m, from.size, DG2Role::Controller), DG2Drop::DG2Accepted)
-                << "a controller takes the request";
+            ASSERT_EQ(DG2CheckReceived(&m, from.size, DG2Role::Controller), DG2Drop::DG2Accepted);
             received.push_back(m.msgNo);
-            for (DG2MessageType reply : answer ? answer(m, from) : std::vector<DG2MessageType>{}) {
-                const size_t size = DG2::kHeaderSize + reply.bodyLen;
-                SetHedVer(&reply);
-                ByteOrderChg(&reply);
-                socket->send(&reply, size, from.address, from.port);
+            for (const DG2MessageType& reply : answer ? answer(m, from) : std::vector<DG2MessageType>{}) {
+                const std::string wire = DG2Builder(reply).wire();
+                socket->send(wire.data(), wire.size(), from.address, from.port);
             }
         }
     }
 };
 
-// The member's run against the controllers; each pause is 200 virtual ms.
 struct Exchange {
     FakeUdpNetwork net;
     std::vector<std::unique_ptr<Controller>> controllers;
@@ -62,16 +58,13 @@ struct Exchange {
         EXPECT_EQ(c.socket->bind(address, port), UdpStatus::Ok);
         return c;
     }
-
-    // Runs Uninst_func with the controllers' addresses and ports.
     int run(const std::vector<std::pair<std::string, uint16_t>>& list)
     {
-        char addrs[4][32] = {};
+        char addrs[4][32] = {}, own[32] = {};
         unsigned short ports[4] = {};
-        for (size_t i = 0; i < list.size(); ++i) {
-            std::strncpy(addrs[i], list[i].first.c_str(), sizeof addrs[i]);
-            ports[i] = list[i].second;
-        }
+        for (size_t i = 0; i < list.size(); ++i)
+            std::strncpy(addrs[i], list[i].first.c_str(), 31), ports[i] = list[i].second;
+        std::strncpy(own, kOwn, 31);
         CtrlerUninst::Seams seams;
         seams.makeSocket = [this] { return std::unique_ptr<UdpSocket>(net.socket()); };
         seams.pause = [this](int ms) {
@@ -82,63 +75,40 @@ struct Exchange {
             for (auto& c : controllers)
                 c->serve();
         };
-        CtrlerUninst uninst(seams);
-        char own[32] = {};
-        std::strncpy(own, kOwn, sizeof own);
-        return uninst.Uninst_func(static_cast<unsigned char>(list.size()), &addrs[0][0], ports, own, kOwnPort,
-                                  results);
+        return CtrlerUninst(seams).Uninst_func(uint8_t(list.size()), &addrs[0][0], ports, own, 3069, results);
     }
-
-    // What the member sent, as bytes on the wire.
     std::vector<Bytes> sentByMember() const
     {
         std::vector<Bytes> out;
         for (const auto& d : net.sent())
-            if (d.fromAddress == kOwn && d.fromPort == kOwnPort)
+            if (d.fromAddress == kOwn && d.fromPort == 3069)
                 out.push_back(d.bytes);
         return out;
     }
-    std::vector<int> resultList(size_t n) const { return std::vector<int>(results, results + n); }
+    Ints resultList(size_t n) const { return Ints(results, results + n); }
 };
 
-// This system's controller protocol answering as it does on the network.
-Answer kestravaController(ControllerProtocolRig& rig)
-{
-    return [&rig](const DG2MessageType& m, const UdpDatagramInfo& from) {
-        rig.receive(m, from.address, from.port);
-        std::vector<DG2MessageType> out;
-        for (const IPC_DATA_REC& rec : rig.transmit())
-            out.push_back(rec.msg);
-        return out;
-    };
-}
-
-// A controller that answers 129 and 130 with `result` under source name `name`.
-Answer scripted(const std::string& name, uint8_t result129, uint8_t result130 = 0)
+// Answers 129 and 130 with the given results under the name 127.0.0.1.
+Answer scripted(uint8_t result129, uint8_t result130 = 0)
 {
     return [=](const DG2MessageType& m, const UdpDatagramInfo&) {
-        DG2MessageType reply = DG2Builder(m).result(m.msgNo == DG2::MsgPresence ? result129 : result130)
-                                   .from(name.c_str(), DG2::KindControllerAlt).to(kOwn, DG2::KindMember).msg();
-        return std::vector<DG2MessageType>{reply};
+        return std::vector<DG2MessageType>{DG2Builder(m).result(m.msgNo == DG2::MsgPresence ? result129 : result130)
+                                               .from("127.0.0.1", DG2::KindControllerAlt).to(kOwn, DG2::KindMember)
+                                               .msg()};
     };
 }
 
-// The request as the controllers expect it, byte by byte: the controller's
-// address at 6, the member's at 40, kinds 17 and 81 little-endian, bytes
-// 3 to 5 and the reserved words zero.
-Bytes expectedRequest(uint8_t msg, const std::string& controller)
+// The request byte by byte: controller's address at 6, the member's at 40,
+// kinds 17 and 81, all else zero; 130 carries the member's address and port.
+Bytes expectedRequest(uint8_t msg)
 {
     Bytes b(DG2::kHeaderSize + (msg == DG2::MsgUninstall ? 70 : 0), 0);
-    b[0] = 0xD2;
-    b[1] = 0xFF;
-    b[2] = msg;
-    std::memcpy(&b[6], controller.data(), controller.size());
-    b[38] = 17;
-    std::memcpy(&b[40], kOwn, std::strlen(kOwn));
-    b[72] = 81;
+    b[0] = 0xD2, b[1] = 0xFF, b[2] = msg, b[38] = 17, b[72] = 81;
+    std::memcpy(&b[6], "127.0.0.1", 9);
+    std::memcpy(&b[40], kOwn, 9);
     if (msg == DG2::MsgUninstall) {
         b[82] = 70;
-        std::memcpy(&b[84 + 32], kOwn, std::strlen(kOwn));
+        std::memcpy(&b[84 + 32], kOwn, 9);
         std::memcpy(&b[84 + 64], "3069", 4);
     }
     return b;
@@ -148,25 +118,27 @@ Bytes expectedRequest(uint8_t msg, const std::string& controller)
 
 TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgetsTheMember)
 {
-    // The controller names itself by its "IPAddress" text: its address, or
-    // an identity text the member does not know it by (then the reply is
-    // matched by where it came from).
-    for (const char* ctrlAddress : {"127.0.0.1", "*ABCD"}) {
+    // Named by its address, or by an identity text the member does not know
+    // (then the reply is matched by where it came from).
+    for (const char* name : {"127.0.0.1", "*ABCD"}) {
         std::string ini = ControllerProtocolRig::defaultIni();
-        ini.replace(ini.find("IPAddress=127.0.0.1"), std::strlen("IPAddress=127.0.0.1"),
-                    std::string("IPAddress=") + ctrlAddress);
+        ini.replace(ini.find("IPAddress=127.0.0.1"), 19, std::string("IPAddress=") + name);
         ControllerProtocolRig rig(ini);
-        rig.receive(ControllerProtocolRig::registration(kOwn, kOwnPort), kOwn, kOwnPort);
+        rig.receive(ControllerProtocolRig::registration(kOwn, 3069), kOwn, 3069);
         rig.transmit();
         ASSERT_NE(rig.slotOf(kOwn), 0);
 
         Exchange x;
-        x.add("127.0.0.1", 3052, kestravaController(rig));
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0) << ctrlAddress;
-        EXPECT_EQ(x.resultList(1), std::vector<int>{0}) << ctrlAddress;
-        const std::vector<Bytes> sent = x.sentByMember();
-        EXPECT_EQ(sent, (std::vector<Bytes>{expectedRequest(129, "127.0.0.1"), expectedRequest(130, "127.0.0.1")}))
-            << ctrlAddress;
+        x.add("127.0.0.1", 3052, [&rig](const DG2MessageType& m, const UdpDatagramInfo& from) {
+            rig.receive(m, from.address, from.port);
+            std::vector<DG2MessageType> out;
+            for (const IPC_DATA_REC& rec : rig.transmit())
+                out.push_back(rec.msg);
+            return out;
+        });
+        EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0) << name;
+        EXPECT_EQ(x.resultList(1), Ints{0}) << name;
+        EXPECT_EQ(x.sentByMember(), (std::vector<Bytes>{expectedRequest(129), expectedRequest(130)})) << name;
         EXPECT_LT(x.pauses, CtrlerUninst::kPolls) << "done within the first pass";
         EXPECT_EQ(rig.slotOf(kOwn), 0) << "the controller forgot the member";
     }
@@ -175,86 +147,73 @@ TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgets
 TEST(CtrlerUninst, ARefusingControllerGetsNo130AndASilentOneFour129sOverFourPasses)
 {
     Exchange x;
-    Controller& refusing = x.add("127.0.0.1", 3052, scripted("127.0.0.1", 255));
+    Controller& refusing = x.add("127.0.0.1", 3052, scripted(255));
     Controller& quiet = x.add("127.0.0.2", 3052, nullptr);
     EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 0);
-    EXPECT_EQ(x.resultList(2), std::vector<int>({1, 1}));
-    EXPECT_EQ(refusing.received, std::vector<int>{129});
-    EXPECT_EQ(quiet.received, std::vector<int>(4, 129));
-    EXPECT_EQ(x.pauses, CtrlerUninst::kMaxRequests * CtrlerUninst::kPolls) << "four passes of 2.4 s";
+    EXPECT_EQ(x.resultList(2), Ints({1, 1}));
+    EXPECT_EQ(refusing.received, Ints{129});
+    EXPECT_EQ(quiet.received, Ints(4, 129));
+    EXPECT_EQ(x.pauses, kAllPasses);
 
-    // A 130 answered with 255 confirms the removal was seen, but not that it happened.
+    // A 130 answered with 255: seen, but not removed.
     Exchange y;
-    y.add("127.0.0.1", 3052, scripted("127.0.0.1", 0, 255));
+    y.add("127.0.0.1", 3052, scripted(0, 255));
     EXPECT_EQ(y.run({{"127.0.0.1", 3052}}), 0);
-    EXPECT_EQ(y.resultList(1), std::vector<int>{1});
+    EXPECT_EQ(y.resultList(1), Ints{1});
     EXPECT_EQ(y.sentByMember().size(), 2u);
 }
 
 TEST(CtrlerUninst, ControllersSharingAnAddressTextEachTakeOnlyTheirOwnReply)
 {
-    {
+    for (bool firstAnswers : {true, false}) {
         Exchange x;
-        Controller& a = x.add("127.0.0.1", 3052, scripted("127.0.0.1", 0));
-        Controller& b = x.add("127.0.0.1", 3053, scripted("127.0.0.1", 0));
+        Controller& a = x.add("127.0.0.1", 3052, firstAnswers ? scripted(0) : nullptr);
+        Controller& b = x.add("127.0.0.1", 3053, scripted(0));
         EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.1", 3053}}), 0);
-        EXPECT_EQ(x.resultList(2), std::vector<int>({0, 0}));
-        EXPECT_EQ(a.received, std::vector<int>({129, 130}));
-        EXPECT_EQ(b.received, std::vector<int>({129, 130}));
-    }
-    {
-        // Only the second answers: its reply is not credited to the first.
-        Exchange x;
-        Controller& a = x.add("127.0.0.1", 3052, nullptr);
-        Controller& b = x.add("127.0.0.1", 3053, scripted("127.0.0.1", 0));
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.1", 3053}}), 0);
-        EXPECT_EQ(x.resultList(2), std::vector<int>({1, 0}));
-        EXPECT_EQ(a.received, std::vector<int>(4, 129));
-        EXPECT_EQ(b.received, std::vector<int>({129, 130}));
+        EXPECT_EQ(x.resultList(2), Ints({firstAnswers ? 0 : 1, 0}));
+        EXPECT_EQ(a.received, firstAnswers ? Ints({129, 130}) : Ints(4, 129));
+        EXPECT_EQ(b.received, Ints({129, 130}));
     }
 }
 
 TEST(CtrlerUninst, JunkAndStrangersAreIgnoredAndNoSocketMeansEveryResultFails)
 {
-    {
-        // Around a silent controller: a header cut short, a wrong magic, a
-        // member's datagram and a reply under another name from elsewhere.
-        Exchange x;
-        x.add("127.0.0.1", 3052, nullptr);
-        auto stranger = x.net.socket();
-        stranger->open();
-        stranger->bind("127.0.0.9", 3052);
-        const DG2Builder reply = DG2Builder(DG2::MsgPresence).result(0).from("127.0.0.1", DG2::KindControllerAlt)
-                                     .to(kOwn, DG2::KindMember);
-        const std::vector<std::string> junk = {
-            reply.wire().substr(0, DG2::kHeaderSize - 1), DG2Builder(reply).magic(0xD3).wire(),
-            DG2Builder(reply).from("127.0.0.1", DG2::KindMember).wire(),
-            DG2Builder(reply).from("127.0.0.9", DG2::KindController).wire()};
-        x.onPause = [&] {
-            for (const std::string& j : junk)
-                stranger->send(j.data(), j.size(), kOwn, kOwnPort);
-        };
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0);
-        EXPECT_EQ(x.resultList(1), std::vector<int>{1});
-        EXPECT_EQ(x.sentByMember(), std::vector<Bytes>(4, expectedRequest(129, "127.0.0.1")));
-    }
-    {
-        // The member's port is taken; send errors (no controller address) are
-        // ignored and counted like sends.
-        Exchange x;
-        auto holder = x.net.socket();
-        holder->open();
-        holder->bind(kOwn, kOwnPort);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 1);
-        EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(x.resultList(4), std::vector<int>({1, 1, 9, 9}));
-        EXPECT_TRUE(x.net.sent().empty());
-        EXPECT_EQ(x.pauses, 0);
-        holder->close();
-        EXPECT_EQ(x.run({{"", 3052}}), 0);
-        EXPECT_EQ(x.resultList(1), std::vector<int>{1});
-        EXPECT_EQ(x.pauses, CtrlerUninst::kMaxRequests * CtrlerUninst::kPolls);
-        EXPECT_EQ(x.run({}), 0);
-    }
+    // Around a silent controller: a header cut short, a wrong magic, a
+    // member's datagram and a reply under another name from elsewhere.
+    Exchange x;
+    x.add("127.0.0.1", 3052, nullptr);
+    auto stranger = x.net.socket();
+    stranger->open();
+    stranger->bind("127.0.0.9", 3052);
+    const DG2Builder reply =
+        DG2Builder(DG2::MsgPresence).result(0).from("127.0.0.1", DG2::KindControllerAlt).to(kOwn, DG2::KindMember);
+    const std::vector<std::string> junk = {
+        reply.wire().substr(0, DG2::kHeaderSize - 1), DG2Builder(reply).magic(0xD3).wire(),
+        DG2Builder(reply).from("127.0.0.1", DG2::KindMember).wire(),
+        DG2Builder(reply).from("127.0.0.9", DG2::KindController).wire()};
+    x.onPause = [&] {
+        for (const std::string& j : junk)
+            stranger->send(j.data(), j.size(), kOwn, 3069);
+    };
+    EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0);
+    EXPECT_EQ(x.resultList(1), Ints{1});
+    EXPECT_EQ(x.sentByMember(), std::vector<Bytes>(4, expectedRequest(129)));
+
+    // The member's port taken: every result fails, nothing sent. A send
+    // error (no controller address) counts like a send.
+    Exchange z;
+    auto holder = z.net.socket();
+    holder->open();
+    holder->bind(kOwn, 3069);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(z.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(z.resultList(4), Ints({1, 1, 9, 9}));
+    EXPECT_TRUE(z.net.sent().empty());
+    EXPECT_EQ(z.pauses, 0);
+    holder->close();
+    EXPECT_EQ(z.run({{"", 3052}}), 0);
+    EXPECT_EQ(z.resultList(1), Ints{1});
+    EXPECT_EQ(z.pauses, kAllPasses);
+    EXPECT_EQ(z.run({}), 0);
 }
