@@ -1,26 +1,17 @@
-// MemberProtocolRig: the protocol thread of slot 0 (thread 8) run by hand in
-// virtual time, over real configuration files, core and member table.
-// receive() hands in a controller's datagram, transmit() drains the send
-// queue and starts reply timers as the transport does, expire() fires a timer.
+// MemberProtocolRig: the member-side protocol thread of slot 0 (thread 8)
+// on a ProtocolRig (virtual time, real core, member table, configuration and
+// controller list).
 #pragma once
 
-#include <cstring>
-#include <map>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "config/FileMap.h"
-#include "control/StCTrl.h"
 #include "ipc/IpcCTrlMTh.h"
-#include "ipc/IpcData.h"
-#include "tests/fakes/DG2Builder.h"
-#include "tests/fakes/EventRecords.h"
-#include "tests/fakes/ManualClock.h"
-#include "tests/fakes/TempDir.h"
-#include "xcp/UpsDataBlock.h"
+#include "tests/fakes/ProtocolRig.h"
 
-class MemberProtocolRig {
+class MemberProtocolRig : public ProtocolRig {
 public:
     static constexpr const char* kIni =
         "UPSController=2\nIPAddress=127.0.0.2\nMemberPort=3069\nCtrlIPAddress1=127.0.0.1\nCtrlPort1=3052\n"
@@ -36,86 +27,23 @@ public:
     // `controller`: the followed controller's entry in the controller list.
     explicit MemberProtocolRig(const std::string& ini = kIni, const std::string& controller = "127.0.0.1",
                                std::function<void(int)> resolve = {}, bool startNow = true)
+        : ProtocolRig("membproto", ini)
     {
-        dir.write("Kestrava.ini", ini);
         dir.write("Membercnt.cfg", "IPAddress1=" + controller + "\nPort1=3052\nWinkTime=\nShutdownTime=\n"
                                    "AppTermTimeOut=\nShutdownDelay=\nAppTermCommand=\n");
-        config.reset(new FileMap(dir.file("Kestrava.ini")));
-        members.reset(new FileMap(dir.file("Membercnt.cfg")));
-        core.reset(new StCTrl(&clock, config.get()));
-        core->getShutdownTiming(0);
-        table.reset(new IpcData(*core, dir.path(), dir.path()));
-        ups.reset(new UpsDataBlock(&clock));
-        tableP = table.get(), configP = config.get(), membersP = members.get(), upsP = ups.get();
-        th.reset(new IpcCTrlMTh(ThCtrlSlot0, core.get(),
-                                {&tableP, &configP, &membersP, &upsP, &clock, std::move(resolve)}));
+        membersPtr = (members = std::make_unique<FileMap>(dir.file("Membercnt.cfg"))).get();
+        proto = (th = std::make_unique<IpcCTrlMTh>(
+                     ThCtrlSlot0, core.get(),
+                     IpcCTrlMTh::Wiring{&tablePtr, &configPtr, &membersPtr, &upsPtr, &clock, std::move(resolve)}))
+                    .get();
         if (startNow)
             start();
     }
 
-    void start() { th->Start(), events(); }
-
-    void event(int code, const std::vector<int>& params = {})
-    {
-        th->HandleEvent(eventRecord(ThCtrlSlot0, code, params));
-        events();
-    }
+    // A controller's datagram, from its address and port.
     void receive(DG2MessageType msg, const std::string& from = "127.0.0.1", int port = 3052)
     {
-        char name[DG2::kNameSize + 1] = {};
-        std::strncpy(name, from.c_str(), DG2::kNameSize);
-        table->setRvData(&msg, IPC_DST_REPLY, port, name, ThCtrlSlot0);
-        event(EvNetReceived);
-    }
-    std::vector<IPC_DATA_REC> transmit()
-    {
-        std::vector<IPC_DATA_REC> out;
-        IPC_DATA_REC rec;
-        while (table->getSdData(&rec)) {
-            if (rec.ret.timeOut > 0 && rec.ret.awaited != -1) {
-                const int id = table->GetTimerID();
-                table->SetTimerInfo(id, &rec.ret);
-                _NOTIFYMSGINFO nt{};
-                nt.code = NtNetTimerStart;
-                nt.count = 4;
-                nt.params[0] = id, nt.params[1] = rec.ret.timeOut, nt.params[3] = rec.ret.threadId;
-                core->SetNotify(&nt);
-            }
-            out.push_back(rec);
-        }
-        events();
-        return out;
-    }
-    std::vector<std::string> sent()
-    {
-        std::vector<std::string> out;
-        for (const IPC_DATA_REC& rec : transmit())
-            out.push_back(DG2Describe(rec.msg));
-        return out;
-    }
-    void expire(int id)
-    {
-        running.erase(id);
-        if (id >= TmNet2First && id <= TmNet2Last)
-            event(EvNetTimeout2, {id - TmNet2First});
-        else if (id == TmHealth)
-            event(EvHealthTimeout);
-        else
-            event(EvNetTimeout, {id});
-    }
-    std::vector<int> replyTimers() const
-    {
-        std::vector<int> out;
-        for (const auto& t : running)
-            if (t.first >= TmNetFirst && t.first <= TmNetLast)
-                out.push_back(t.first);
-        return out;
-    }
-    // Seconds to a running timer's expiry (-1: not running).
-    int left(int id)
-    {
-        auto it = running.find(id);
-        return it == running.end() ? -1 : it->second - static_cast<int>(clock.now());
+        ProtocolRig::receive(msg, from, port);
     }
     // Event-log codes posted for the slot.
     std::vector<int> logCodes() const
@@ -163,30 +91,7 @@ public:
         }).msg();
     }
 
-    TempDir dir{"membproto"};
-    ManualClock clock;
-    std::unique_ptr<FileMap> config, members;
-    std::unique_ptr<StCTrl> core;
-    std::unique_ptr<IpcData> table;
-    std::unique_ptr<UpsDataBlock> ups;
+    std::unique_ptr<FileMap> members;
+    FileMap* membersPtr = nullptr;
     std::unique_ptr<IpcCTrlMTh> th;
-    std::map<int, int> running; // timer id -> expiry, as the timer service keeps them
-    std::vector<EVENTMSGINFO> posted;
-
-private:
-    IpcData* tableP;
-    FileMap *configP, *membersP;
-    UpsDataBlock* upsP;
-
-    void events()
-    {
-        EVENTMSGINFO ev;
-        while (core->popHeadForTest(&ev)) {
-            posted.push_back(ev);
-            if (ev.to == ThTimer && ev.code == EvTimerStart)
-                running.insert({ev.params[0], ev.params[1]});
-            else if (ev.to == ThTimer && ev.code == EvTimerStop)
-                running.erase(ev.params[0]);
-        }
-    }
 };
