@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# One controller on a simulated UPS and three members on hosts of their own.
+# All three register. A utility failure (alarm 59) cleared while every
+# member counts down cancels everywhere: no command runs, the event logs say
+# power came back. The next failure runs each member's own timing (members
+# keep their own timing: AcceptControllerTiming=0): wink, one countdown
+# minute, its application-termination command, then its shutdown command,
+# staggered by their different wink and termination times.
+# Usage: three-members.sh BUILD_DIR
+. "$(dirname "$0")/netns-kit.sh" "$1"
+kit_require
+kit_sweep
+trap kit_down EXIT INT TERM
+
+kit_switch
+kit_host c1 10.213.0.1
+for i in 1 2 3; do kit_host "m$i" "10.213.0.1$i"; done
+kit_controller ctl c1 10.213.0.1 || exit 1
+
+winks=(0 5 15 25)
+appterm=(0 2 5 8)
+for i in 1 2 3; do
+    kit_follow "m$i" "m$i" "10.213.0.1$i" 10.213.0.1 AcceptControllerTiming 0 AcceptControllerCommand 0 \
+        WinkTime1 "${winks[i]}" ShutdownTime1 1 AppTermTimeOut1 "${appterm[i]}" ShutdownDelay1 300 \
+        AppTermCommand1 "$(kit_app_recorder "m$i")"
+    kit_daemon "m$i" "m$i"
+done
+
+for i in 1 2 3; do
+    kit_check "member $i is Active at the controller" kit_wait 120 kit_ctrl_status ctl "10.213.0.1$i" Active
+    kit_check "member $i shows its controller Active" kit_wait 30 kit_inf_slot "m$i" 1 Active
+done
+
+# Cancel: clear the failure once the last member counts down. Its countdown
+# starts 20 s after the first one's, so the first still has half a minute.
+kit_check "alarm 59 raised" kit_sim ctl "alarm set 59"
+kit_check "member 3 counts down" kit_wait 90 kit_event_has m3 "will shut down in"
+kit_check "alarm 59 cleared" kit_sim ctl "alarm clear 59"
+for i in 1 2 3; do
+    kit_check "member $i logs power back" kit_wait 40 kit_event_has "m$i" "Power has been restored."
+done
+# Past the end the last countdown would have had.
+sleep 45
+for i in 1 2 3; do
+    kit_check "member $i ran nothing after the cancel" \
+        test ! -e "$KIT_ROOT/m$i/app-runs" -a ! -e "$KIT_ROOT/m$i/shutdown-runs"
+done
+
+# The failure that is not cancelled.
+raised=$(date +%s)
+kit_check "alarm 59 raised again" kit_sim ctl "alarm set 59"
+for i in 1 2 3; do
+    kit_check "member $i ran its shutdown command" kit_wait 150 test -s "$KIT_ROOT/m$i/shutdown-runs"
+done
+sleep 3
+prev=0
+for i in 1 2 3; do
+    h=$KIT_ROOT/m$i
+    app=$(kit_first_time "$h/app-runs")
+    down=$(kit_first_time "$h/shutdown-runs")
+    kit_check "member $i ran each command once" test "$(wc -l <"$h/app-runs")" = 1 -a "$(wc -l <"$h/shutdown-runs")" = 1
+    # Report delay (one poll, up to 15 s) + wink + one minute, generously.
+    since=$((app - raised))
+    kit_check "member $i: termination command $since s after the failure (wink ${winks[i]} s)" \
+        test $since -ge $((winks[i] + 55)) -a $since -le $((winks[i] + 60 + 30))
+    kit_check "member $i: shutdown $((down - app)) s after the termination command (${appterm[i]} s)" \
+        test $((down - app)) -ge $((appterm[i] - 1)) -a $((down - app)) -le $((appterm[i] + 8))
+    kit_check "member $i ends after member $((i - 1))" test "$app" -ge "$prev"
+    prev=$app
+done
+kit_result
