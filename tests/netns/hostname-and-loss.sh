@@ -23,7 +23,7 @@ kit_follow m2 m2 10.213.0.12 no-such-controller
 kit_daemon m1 m1
 kit_daemon m2 m2
 
-kit_check "the member naming ups-room-a is Active at the controller" \
+kit_must "the member naming ups-room-a is Active at the controller" \
     kit_wait 120 kit_ctrl_status ctl 10.213.0.11 Active
 kit_check "its Controller.inf shows slot 1 Active" kit_wait 30 kit_inf_slot m1 1 Active
 kit_check "its Controller.inf names the controller by host name" \

@@ -17,6 +17,7 @@
 # bounded. A failed run keeps its homes and says where.
 
 KIT_BUILD=${1:-}
+[ -d "$KIT_BUILD" ] && KIT_BUILD=$(cd "$KIT_BUILD" && pwd)
 KIT_SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 KIT_PREFIX=ksv
 KIT_ROOT=
@@ -32,7 +33,12 @@ kit_log() { printf '[%s] %s\n' "$(date +%H:%M:%S)" "$*"; }
 kit_fail() { KIT_FAILED=1; printf 'FAIL: %s\n' "$*"; }
 kit_check() { # kit_check "what" command...
     local what=$1; shift
-    if "$@"; then kit_log "ok: $what"; else kit_fail "$what"; fi
+    if "$@"; then kit_log "ok: $what"; else kit_fail "$what"; return 1; fi
+}
+# kit_must "what" command...: a check the rest of the scenario stands on;
+# the run ends here when it does not hold.
+kit_must() {
+    kit_check "$@" || { KIT_FAILED=1; echo "stopping: the rest depends on it"; exit 1; }
 }
 
 kit_skip() { echo "SKIPPED: $*"; exit 77; }
@@ -108,13 +114,8 @@ kit_in() { local h=$1; shift; ip netns exec "${KIT_PREFIX}-$h" "$@"; }
 kit_set() {
     local file=$1 key=$2 value=$3
     if grep -q "^$key=" "$file"; then
-        KEY=$key VALUE=$value python3 - "$file" <<'EOF'
-import os, sys
-p = sys.argv[1]; k = os.environ["KEY"] + "="; v = os.environ["VALUE"]
-lines = open(p).read().split("\n")
-lines = [k + v if l.startswith(k) else l for l in lines]
-open(p, "w").write("\n".join(lines))
-EOF
+        KEY=$key VALUE=$value awk 'index($0, ENVIRON["KEY"] "=") == 1 {print ENVIRON["KEY"] "=" ENVIRON["VALUE"]; next} {print}' \
+            "$file" >"$file.new" && mv "$file.new" "$file"
     else
         printf '%s=%s\n' "$key" "$value" >>"$file"
     fi

@@ -27,7 +27,7 @@ start=$(date +%s.%N)
 for ((i = 1; i <= n; i++)); do kit_daemon "m$i" many >/dev/null; done
 
 active() { [ "$(grep -c "Status = Active" "$KIT_ROOT/ctl/membCommInfo.tmp" 2>/dev/null)" = "$n" ]; }
-kit_check "all $n members are Active at the controller" kit_wait 300 active
+kit_must "all $n members are Active at the controller" kit_wait 300 active
 registered=$(date +%s.%N)
 
 # One report: the utility-failure alarm, seen in every member's event log.

@@ -33,7 +33,7 @@ for i in 1 2 3; do
 done
 
 for i in 1 2 3; do
-    kit_check "member $i is Active at the controller" kit_wait 120 kit_ctrl_status ctl "10.213.0.1$i" Active
+    kit_must "member $i is Active at the controller" kit_wait 120 kit_ctrl_status ctl "10.213.0.1$i" Active
     kit_check "member $i shows its controller Active" kit_wait 30 kit_inf_slot "m$i" 1 Active
 done
 

@@ -31,7 +31,7 @@ kit_follow m1 m1 10.213.0.11 10.213.0.1 cfg:IPAddress2 10.213.0.2 cfg:Port2 9861
 kit_daemon m1 m1
 
 for c in 1 2; do
-    kit_check "member is Active at controller $c" kit_wait 120 kit_ctrl_status "ctl$c" 10.213.0.11 Active
+    kit_must "member is Active at controller $c" kit_wait 120 kit_ctrl_status "ctl$c" 10.213.0.11 Active
     kit_check "Controller.inf shows slot $c Active" kit_wait 30 kit_inf_slot m1 "$c" Active
 done
 inf=$KIT_ROOT/m1/CONTROLLER/Controller.inf
