@@ -173,7 +173,9 @@ void StCTrl::LetsGo(bool setLater)
 {
     EVENTMSGINFO ev;
     refreshNow();
-    setShutdownTiming(0);
+    // Every controller slot has its own timing (a controller uses slot 0).
+    for (int k = 0; k < 4; ++k)
+        setShutdownTiming(k);
     setLogConfig();
     postLog(LogDaemonStarted, kOwnerDaemon);
     if (setLater)

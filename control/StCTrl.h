@@ -33,7 +33,7 @@ public:
         int32_t scheduleTimer;    // stored schedule timer id (0 none)
         int32_t endInProgress;    // countdown end in progress
         int32_t reason;           // reason of the last countdown end
-        int32_t spare;
+        int32_t reported;         // member: a power report of the slot's controller arrived
     };
 
     // Shutdown settings of a controller slot.
@@ -194,6 +194,8 @@ public:
     void countdownEnd(EVENTMSGINFO* ev, int reason, int n, bool powerFailure);
     bool ISStartShutdown(int k, int reason);
     void StartShutdown(int k, int reason);
+    // Member with several controllers: slot i still feeds this host.
+    bool stillSupplies(int i);
     void shutdown(EVENTMSGINFO* ev, int n);
     void setHappenPowerEvent(int n);
     void setAppEndEvent();

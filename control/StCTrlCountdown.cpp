@@ -24,23 +24,22 @@ void StCTrl::countdownStart(EVENTMSGINFO* ev, int elapsed, int n)
         if (isController())
             postMeterControl(MeterPowerFailure);
     }
-    if (elapsed < 60) {
-        if (elapsed == 0) {
-            if (setPowerLogEvent(ev, p.remaining == 1 ? 1 : 0, n)) {
-                post(ev);
-                setPowerWrongEvent(ev, n);
-                post(ev);
-            }
-            setShutdownTimerStartEvent(ev, n);
-        } else {
-            setShutdownTimerStartEvent(ev, elapsed, n);
-        }
-    } else {
-        // Whole minutes already gone come off the countdown; the first tick
-        // falls where the running minute ends.
+    // Whole minutes already gone come off the countdown; the first tick
+    // falls where the running minute ends.
+    if (elapsed >= 60)
         p.remaining -= elapsed / 60;
-        setShutdownTimerStartEvent(ev, elapsed % 60, n);
+    // The first minute report is always given, also when the countdown
+    // starts a little late (a wink timer that fired a second late, a power
+    // report that arrived after the wink time).
+    if (setPowerLogEvent(ev, p.remaining == 1 ? 1 : 0, n)) {
+        post(ev);
+        setPowerWrongEvent(ev, n);
+        post(ev);
     }
+    if (elapsed == 0)
+        setShutdownTimerStartEvent(ev, n);
+    else
+        setShutdownTimerStartEvent(ev, elapsed % 60, n);
     post(ev);
 }
 
@@ -139,39 +138,30 @@ bool StCTrl::ISStartShutdown(int k, int reason)
     }
 
     // Several controllers (ended by the timer, the schedule or the member
-    // side alike): the host goes down only when no other controller still
-    // powers it.
-    int powering = 0;
+    // side alike): the host goes down only when no other followed
+    // controller still supplies it.
     for (int i = 0; i < 4; ++i) {
-        if (mCont.outputStatus[i] && (mCont.upsCom[i] || mCont.pfStatus[i] == 1 || mCont.pfStatus[i] == 2))
-            ++powering;
-    }
-    const bool thisPowering =
-        mCont.outputStatus[k] && (mCont.upsCom[k] || mCont.pfStatus[k] == 1 || mCont.pfStatus[k] == 2);
-    if (powering == 1 && thisPowering) {
-        StartShutdown(k, reason);
-        return true;
-    }
-
-    int counted = 0;
-    for (int i = 0; i < 4; ++i) {
-        if (!mCont.active[i])
-            continue;
-        const int pf = mCont.pfStatus[i];
-        const int comm = mCont.commStatus[i];
-        const bool uncounted = mCont.appStatus[i] == 0 && mCont.outputStatus[i] && mCont.appEndStatus[i] == 0 &&
-                               mCont.upsCom[i] == 0 && pf != 0 && pf != 3 &&
-                               ((comm != 2 && comm != 3) || pf == 1 || pf == 2 || mCont.schStatus[i]);
-        if (!uncounted)
-            ++counted;
-    }
-    if (mCont.contCount - counted != 1) {
-        mCont.appStatus[k] = 1;
-        mCont.dummyAppDown[k] = static_cast<uint8_t>(reason);
-        return false;
+        if (i != k && stillSupplies(i)) {
+            mCont.appStatus[k] = 1;
+            mCont.dummyAppDown[k] = static_cast<uint8_t>(reason);
+            return false;
+        }
     }
     StartShutdown(k, reason);
     return true;
+}
+
+// Whether controller slot i still feeds this member, judged from what its
+// controller last reported: it is followed, it has reported, its output is
+// on, its utility power is present, and it is neither in a power failure of
+// its own nor marked ended after waiting for the others. A controller that
+// went silent after reporting good power still counts (silence alone never
+// takes the host down); one that never reported does not (nothing is known
+// to feed the host through it). Runs with the member-information lock held.
+bool StCTrl::stillSupplies(int i)
+{
+    return mCont.active[i] && mPower[i].reported && mCont.outputStatus[i] && mCont.pfStatus[i] == 0 &&
+           mCont.appEndStatus[i] == 0 && mPower[i].phase == PhaseNormal;
 }
 
 // Marks the host shutdown as started by slot k. Runs with the

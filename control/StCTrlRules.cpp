@@ -30,8 +30,10 @@ void StCTrl::NotifyToEvent(_NOTIFYMSGINFO* nt)
         break;
     case NtMemberPowerReport: {
         int n = lastParam(nt);
-        if (n >= ThCtrlSlot0 && n <= ThCtrlSlot3)
+        if (n >= ThCtrlSlot0 && n <= ThCtrlSlot3) {
+            mPower[SetMyThreadOffset(n)].reported = 1;
             powerRules(nt, n);
+        }
         break;
     }
     case NtMemberCountdownEnd3:
@@ -158,10 +160,16 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
 {
     EVENTMSGINFO ev;
     switch (nt->code) {
-    case NtNetReceived:
-        makeEvent(&ev, ThCtrlSlot0, EvNetReceived, {});
+    case NtNetReceived: {
+        // The transport names the protocol thread that owns the datagram:
+        // on a member each followed controller has its own.
+        int to = nt->count > 0 ? nt->params[0] : ThCtrlSlot0;
+        if (to < ThCtrlSlot0 || to > ThCtrlSlot3)
+            to = ThCtrlSlot0;
+        makeEvent(&ev, to, EvNetReceived, {});
         post(&ev);
         break;
+    }
     case NtHealthTimerStart:
     case NtNetTimerStart:
     case NtCommErrTimerStart:
@@ -211,7 +219,16 @@ void StCTrl::networkRule(_NOTIFYMSGINFO* nt)
         break;
     }
     case NtStopAllTimers:
-        setAllTimerStopEvent(&ev, 1);
+        // The network went quiet: its own timers (health checks, reply
+        // time-outs) stop and every followed controller is registered anew
+        // (9001 -> 803). A running wink, countdown, application end or
+        // schedule goes on, and so do the communication-error timers, so a
+        // silent controller is still noticed.
+        for (int k = 0; k < 4; ++k) {
+            makeEvent(&ev, ThTimer, EvTimerStop, {TmHealth + k});
+            post(&ev);
+        }
+        makeEvent(&ev, ThTimer, EvTimerStopAll, {1, TmNetFirst, TmNetLast});
         post(&ev);
         break;
     case NtAllTimersStopped:

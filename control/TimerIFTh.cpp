@@ -70,9 +70,14 @@ int TimerIFTh::Timer_Reset(int id, int seconds)
 
 void TimerIFTh::Timer_Cancel_All()
 {
-    mMutex.Lock(kListLock);
     // Id 331 is outside this walk and survives a stop-all.
-    for (int id = 0; id <= TmNet2Last; ++id)
+    Timer_Cancel_All(0, TmNet2Last);
+}
+
+void TimerIFTh::Timer_Cancel_All(int first, int last)
+{
+    mMutex.Lock(kListLock);
+    for (int id = first < 0 ? 0 : first; id <= last && id <= TmNet2Last; ++id)
         Timer_Stop(id);
     mMutex.unLock(kListLock);
 }

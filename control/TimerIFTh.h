@@ -40,6 +40,8 @@ public:
     int Timer_Reset(int id, int seconds);
     // Stops every running timer with id 0..330.
     void Timer_Cancel_All();
+    // Stops the running timers whose ids lie in [first, last].
+    void Timer_Cancel_All(int first, int last);
     // Fills notification 1000 with (id, late, owner).
     void TimeOut_Set(_NOTIFYMSGINFO* nt, int id, int late, int owner);
     // One tick: shift on a clock jump, report and re-arm or remove what expired.

@@ -35,7 +35,11 @@ void TimerTh::Event_CK(EVENTMSGINFO* ev)
         mTimers->Timer_Cancel(ev->params[0]);
         break;
     case EvTimerStopAll:
-        mTimers->Timer_Cancel_All();
+        // With a range (parameters 1 and 2) only the timers in it stop.
+        if (ev->count >= 3)
+            mTimers->Timer_Cancel_All(ev->params[1], ev->params[2]);
+        else
+            mTimers->Timer_Cancel_All();
         if (ev->params[0] != 0) {
             _NOTIFYMSGINFO nt;
             memset(&nt, 0, sizeof nt);

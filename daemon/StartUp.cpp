@@ -113,6 +113,18 @@ std::string indexed(const char* format, int n)
     return key;
 }
 
+// The member's data directory: "Path" with a trailing slash, the home
+// directory when "Path" is empty.
+std::string memberDataDir()
+{
+    std::string path = gpMapConfig->getConf("Path");
+    if (path.empty())
+        return gHomeDir;
+    if (path.back() != '/')
+        path += '/';
+    return path;
+}
+
 // The shutdown timing received from the controller goes to all four
 // controller indexes (the same values for each).
 void storeReceivedTiming(const DG2_ShutdownTimming& t)
@@ -273,8 +285,12 @@ void StartUp::setUpMember()
         failStartUp("cannot read the controller list " + gHomeDir + "Membercnt.cfg");
     if (*gCStCtrl.TimingChanged())
         storeReceivedTiming(*gCStCtrl.ShutdownTimming());
-    makeMemberDir(gHomeDir + "CONTROLLER");
-    makeMemberDir(gHomeDir + "SHUTDOWN");
+    // The member's operator files ("Controller.inf", "Controller.log", the
+    // shutdown logs) live below the data directory, like every other file
+    // the daemon writes for the operator.
+    const std::string data = memberDataDir();
+    makeMemberDir(data + "CONTROLLER");
+    makeMemberDir(data + "SHUTDOWN");
 }
 
 // The serial device belongs to this daemon alone.

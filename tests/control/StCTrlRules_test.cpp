@@ -100,10 +100,10 @@ TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
 {
     member(2);
     // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the
-    // next tick where that minute ends.
+    // first report still given, the next tick where that minute ends.
     report(9, 4, 3, 100, {14, 357, 316});
-    EXPECT_EQ(events(), (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14",
-                           "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
+    EXPECT_EQ(events(), (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "5:EvLog(500):9,0,2",
+                           "5:EvPowerFailReport(300):2,9", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
     EXPECT_EQ(ctrl.power(1).phase, StCTrl::PhaseCountdown);
     EXPECT_EQ(ctrl.power(1).remaining, 2);
     EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
@@ -218,41 +218,68 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     EXPECT_EQ(events(), V{});
 }
 
-// Two controllers on battery: the first to end waits for its delay, the
-// other then powers the host alone and takes it down.
-TEST_F(Rules, ShutdownDecisionWithTwoControllers)
+// A member fed by several controllers shuts down only when no other
+// followed controller still feeds it, judged from what each last reported.
+class Redundant : public Rules {
+protected:
+    // Slots 0 and 1 reported utility power and output on; slot 2 is
+    // followed but its controller never reported.
+    void SetUp() override
+    {
+        member(3);
+        for (int k = 0; k < 2; ++k) {
+            report(8 + k, 4, 2, 0);
+            ctrl.SetOutPutStatus(true, true, k);
+        }
+        events();
+    }
+    // What the member side does with a power report of slot k saying
+    // utility lost: the rules first, then the slot's power status.
+    void fails(int k, int elapsed)
+    {
+        report(8 + k, 4, 3, elapsed);
+        ctrl.ShutDownSetPFStatus(k, 1);
+    }
+};
+
+TEST_F(Redundant, FirstFailureWaitsAndTheSecondTakesTheHostDownWithItsOwnTiming)
 {
-    member(2, true);
-    report(8, 4, 3, 210);
+    timing(2, 10, 1);
+    // Slot 0 fails beyond its wink and countdown: slot 1 still feeds the
+    // host, so slot 0 waits for its application end plus delay.
+    fails(0, 210);
     EXPECT_EQ(events(), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8",
                            "0:EvTimerStart(100):12," + at(140) + ",0,8", "5:EvLog(500):8,217"}));
     EXPECT_EQ(ctrl.GetAppStatus(0), 1);
-    EXPECT_EQ(ctrl.GetStartShutdownStatus(), 0);
-    EXPECT_FALSE(ctrl.ISStartShutdown(0, 1));
-
-    // The waiting slot ends after its delay and restores normally.
-    clock.advance(140);
-    expire(TmAppEnd, 8);
-    EXPECT_EQ(events(), V{"5:EvLog(500):8,218"});
-    EXPECT_EQ(ctrl.GetAppStatus(0), 0);
-    report(8, 4, 2, 0);
-    EXPECT_EQ(events(), V{});
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
-
-    // Slot 0 counts as ended: slot 1 is the last one powering the host.
-    EXPECT_TRUE(ctrl.ISStartShutdown(1, 1));
-    EXPECT_EQ(ctrl.GetAppStatus(1), 2);
+    // Slot 1 fails: its own wink (10 s) and countdown (1 minute) run, then
+    // it is the last supply and takes the host down.
+    fails(1, 0);
+    EXPECT_EQ(events(), V{"0:EvTimerStart(100):4," + at(10) + ",0,9"});
+    clock.advance(10);
+    expire(TmWink + 1, 9);
+    events();
+    clock.advance(60);
+    expire(TmCountdown + 1, 9);
+    EXPECT_EQ(events(), (V{"0:EvTimerStop(102):8,9", "5:EvMemberShutdownLog(505):1,1", "5:EvLog(500):9,3",
+                           "4:EvAppTerm(302):1", "0:EvTimerStop(102):13,9",
+                           "0:EvTimerStart(100):13," + at(20) + ",0,9"}));
     EXPECT_EQ(ctrl.GetStartShutdownStatus(), 1);
-    EXPECT_EQ(events(), V{"5:EvMemberShutdownLog(505):1,1"});
 }
 
-TEST_F(Rules, ShutdownDecisionWithThreeControllers)
+TEST_F(Redundant, TheOtherOrderDecidesAlike)
 {
-    member(3, true);
-    EXPECT_FALSE(ctrl.ISStartShutdown(0, 1));
+    ctrl.ShutDownSetPFStatus(1, 1);
     EXPECT_FALSE(ctrl.ISStartShutdown(1, 1));
-    EXPECT_TRUE(ctrl.ISStartShutdown(2, 1));
-    EXPECT_EQ(events(), V{"5:EvMemberShutdownLog(505):2,1"});
+    ctrl.ShutDownSetPFStatus(0, 1);
+    EXPECT_TRUE(ctrl.ISStartShutdown(0, 1));
+    EXPECT_EQ(events(), V{"5:EvMemberShutdownLog(505):0,1"});
+}
+
+TEST_F(Redundant, AControllerWithItsOutputOffFeedsNothing)
+{
+    ctrl.SetOutPutStatus(false, true, 1);
+    ctrl.ShutDownSetPFStatus(0, 1);
+    EXPECT_TRUE(ctrl.ISStartShutdown(0, 1));
 }
 
 TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnceAndLaterReportsAreSuppressed)

@@ -128,11 +128,21 @@ TEST(StCTrlBuilders, TimerRecordsAndLogCodesRefusedOnceTheHostShutdownStarted)
 
 TEST(StCTrlStart, LetsGoAndTheUpsLinkNotifications)
 {
-    TempConfig member("UPSController=2\n");
+    TempConfig member("UPSController=2\nWinkTime3=45\nShutdownTime3=2\n");
     ManualClock clock(5000);
     StCTrl m(&clock, member.map());
     m.LetsGo(false);
     EXPECT_EQ(drainDescribed(m), V{"5:EvLog(500):1,6"});
+    // Every controller slot starts with its own timing.
+    EXPECT_EQ(m.getWinkTime(2), 45);
+    EXPECT_EQ(m.getCountdownTime(2), 2);
+    // A datagram goes to the slot thread the transport names; a quiet
+    // network stops only the network's own timers.
+    for (_NOTIFYMSGINFO nt : {notification(NtNetReceived, {ThCtrlSlot2}), notification(NtStopAllTimers)})
+        m.SetNotify(&nt);
+    EXPECT_EQ(drainDescribed(m), (V{"10:EvNetReceived(600):", "0:EvTimerStop(102):17", "0:EvTimerStop(102):18",
+                                    "0:EvTimerStop(102):19", "0:EvTimerStop(102):20",
+                                    "0:EvTimerStopAll(103):1,30,265"}));
 
     TempConfig cfg("UPSController=1\nDumpLogRate=5\n");
     StCTrl ctrl(&clock, cfg.map());

@@ -34,7 +34,8 @@ const std::set<std::string> kIniKeys = keySet({
     "UPSController", "DeviceName", "IPAddress", "MemberPort", "GroupName", "SetUpID", "MemberIDData",
     "NotSend", "UPSVersion", "ModelName", "UPSSerial", "UPSFirmWare", "DumpLogRate", "DumpLogDays", "Path",
     "CuiPort", "CuiAddress", "WinkTime%", "ShutdownTime%", "AppTermTimeOut%", "ShutdownDelay%", "AppTermCommand%",
-    "CtrlIPAddress%", "CtrlPort%", "HostName%", "UGName%", "MemberEntry%", "MyID%", "AccessCode%"});
+    "CtrlIPAddress%", "CtrlPort%", "HostName%", "UGName%", "MemberEntry%", "MyID%", "AccessCode%",
+    "AcceptControllerTiming", "AcceptControllerCommand"});
 const std::set<std::string> kMemcntKeys = keySet({
     "SetLater", "WinkTime", "ShutdownTime", "AppTermTimeOut", "ShutdownDelay", "AppTermCommand",
     "ShutdownControl", "IPAddress%", "Port%", "UGName%"});
