@@ -283,7 +283,12 @@ void IpcCTrlMTh::HandleEvent(const EVENTMSGINFO& ev)
 int IpcCTrlMTh::FuncSd_35()
 {
     DG2Address a;
-    a.memberId = conf(key("MyID")).substr(0, DG2::kNameSize);
+    a.memberId = conf(key("MyID"));
+    // The IDs a controller gives by identity begin with a blank, which the
+    // configuration file does not keep: it is put back here.
+    if (mKind == Kind::Identity && !a.memberId.empty() && a.memberId[0] != ' ')
+        a.memberId = " " + a.memberId;
+    a.memberId = a.memberId.substr(0, DG2::kNameSize);
     const std::string own = conf("IPAddress");
     if (isDottedIPv4(own))
         a.address = own;

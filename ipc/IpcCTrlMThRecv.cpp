@@ -82,7 +82,7 @@ bool IpcCTrlMTh::Func_35()
         changed |= setConfIfChanged(key("MyID"), a.memberId);
     changed |= setConfIfChanged(key("MemberEntry"), "1");
     FileMap* map = mWiring.config ? *mWiring.config : nullptr;
-    if (changed && map && map->save() != 0)
+    if (changed && map && map->save() == 0)
         ErrorLog::report("controller " + std::to_string(mSlotIndex + 1) +
                          ": the registration could not be saved in the configuration file");
     return true;
@@ -284,10 +284,10 @@ bool IpcCTrlMTh::Func_181()
         ErrorLog::report("controller " + std::to_string(mSlotIndex + 1) + ": its application-termination command \"" +
                          ErrorLog::printable(command) + "\" is not taken (\"AcceptControllerCommand=0\")");
     }
-    if (changed && cfg && cfg->save() != 0)
+    if (changed && cfg && cfg->save() == 0)
         ErrorLog::report("controller " + std::to_string(mSlotIndex + 1) +
                          ": the shutdown timing could not be saved in the configuration file");
-    if (listChanged && list->save() != 0)
+    if (listChanged && list->save() == 0)
         ErrorLog::report("the shutdown timing could not be saved in \"Membercnt.cfg\"");
     mCoreRef->getShutdownTiming(mSlotIndex);
     if (changed)
