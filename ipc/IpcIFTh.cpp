@@ -344,8 +344,8 @@ void IpcIFTh::deliver(const UdpDatagramInfo& info)
     }
     const int owner = mMember ? GetCtrlNo(info.address.c_str(), mRx.dstName) : int(ThCtrlSlot0);
     if (owner == 0) {
-        mDropLog.note(now(), "addressed to \"" + ErrorLog::printable(fieldText(mRx.dstName, DG2::kNameSize)) +
-                                 "\", which no controller entry claims, from " + sender(info),
+        mDropLog.note(now(), "from " + sender(info) + ", no controller this member follows (addressed to \"" +
+                                 ErrorLog::printable(fieldText(mRx.dstName, DG2::kNameSize)) + "\")",
                       "dropped");
         return;
     }
@@ -421,14 +421,13 @@ int IpcIFTh::ownerOf(const std::string& target, const std::string& dstName)
 {
     if (!mMember)
         return ThCtrlSlot0;
+    // The slot thread that queued the record owns its exchange; a record
+    // of no slot thread goes by the target, as a received datagram would.
+    if (mRec.threadId >= ThCtrlSlot0 && mRec.threadId <= ThCtrlSlot3)
+        return mRec.threadId;
     char name[DG2::kNameSize + 1] = {};
     std::memcpy(name, dstName.data(), std::min(dstName.size(), size_t(DG2::kNameSize)));
-    int owner = GetCtrlNo(target.c_str(), name);
-    // The outgoing datagram names the controller, not this host: when no
-    // entry claims it, the thread that queued the record owns the exchange.
-    if (owner == 0 && mRec.threadId >= ThCtrlSlot0 && mRec.threadId <= ThCtrlSlot3)
-        owner = mRec.threadId;
-    return owner;
+    return GetCtrlNo(target.c_str(), name);
 }
 
 void IpcIFTh::armTimeOut(const std::string& target, const std::string& dstName)
@@ -565,22 +564,37 @@ int IpcIFTh::SendDataAll()
 
 int IpcIFTh::GetCtrlNo(const char* address, const char* name)
 {
+    IpcData* t = table();
+    if (t == nullptr)
+        return 0;
+    // A controller this member follows is known by the address it sends
+    // from: its "@" record in the member table carries it.
+    if (address != nullptr && address[0] != '\0') {
+        std::string copy(address);
+        const int owner = t->GetThreadID(&copy[0]);
+        if (owner >= ThCtrlSlot0 && owner <= ThCtrlSlot3)
+            return owner;
+    }
+    // A controller configured by identity ("*ID") whose address is not known
+    // yet is found by the identity form of the destination name (" ID"); once
+    // its first datagram has given its address, only that address counts.
     const std::string wanted = name ? fieldText(name, DG2::kNameSize) : std::string();
     FileMap* controllers = mW.controllers ? *mW.controllers : nullptr;
-    for (int i = 1; controllers != nullptr && i <= 4; ++i) {
+    for (int i = 1; controllers != nullptr && !wanted.empty() && i <= 4; ++i) {
         std::string entry = controllers->getConf("IPAddress" + std::to_string(i));
-        if (entry.empty())
+        if (entry.size() < 2 || entry[0] != '*')
             continue;
-        if (entry[0] == '*')
-            entry[0] = ' ';
+        entry[0] = ' ';
         // The name arrived in a 32-byte field: a longer entry was cut to it.
-        if (entry.substr(0, DG2::kNameSize) == wanted)
+        if (entry.substr(0, DG2::kNameSize) != wanted)
+            continue;
+        char id[] = "@CTRL0";
+        id[5] = char('0' + i);
+        DUP_MEMB_INFO rec;
+        if (t->GetMembInfo(id, &rec) != 0 && rec.address[0] == '\0' && rec.threadId == i + 7)
             return i + 7;
     }
-    if (address == nullptr || table() == nullptr)
-        return 0;
-    std::string copy(address);
-    return table()->GetThreadID(&copy[0]);
+    return 0;
 }
 
 long IpcIFTh::GetCloseSendInterval()

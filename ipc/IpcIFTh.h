@@ -81,9 +81,11 @@ public:
     int SendData(DUP_MEMB_INFO* member, bool closing);
     // Sends the current record to every active member.
     int SendDataAll();
-    // Member: the protocol thread (8 to 11) that owns an exchange with the
-    // peer at `address` that named this host `name` (a fixed 32-byte field),
-    // 0 when none.
+    // Member: the slot thread (8 to 11) of the controller that sent from
+    // `address` (its "@CTRL<n>" record); for a controller configured by
+    // identity whose address is not known yet, the slot whose identity form
+    // (" ID") equals `name` (a fixed 32-byte field). 0 when none: a datagram
+    // is taken only from a controller this member follows.
     int GetCtrlNo(const char* address, const char* name);
     // Pause between the copies of a close send, in microseconds.
     long GetCloseSendInterval();

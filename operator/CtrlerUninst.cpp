@@ -110,6 +110,8 @@ int CtrlerUninst::Uninst_func(unsigned char count, char* ctrlAddrs, unsigned sho
                               unsigned short ownPort, unsigned char* results)
 {
     Impl& d = *mImpl;
+    if (results == nullptr)
+        return 1;
     if (count > kMaxControllers)
         count = kMaxControllers;
     std::memset(d.ctrlAddrs, 0, sizeof d.ctrlAddrs);
