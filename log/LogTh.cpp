@@ -17,7 +17,7 @@
 #include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/Clock.h"
-#include "core/FatalStop.h"
+#include "core/ErrorLog.h"
 #include "core/ShellRunner.h"
 #include "ipc/IpcCTrlMTh.h"
 #include "operator/CreateMultiControllerFile.h"
@@ -72,6 +72,20 @@ std::string displayHostName(T* thread, const std::string& configured)
         return configured;
 }
 
+// One shell word holding exactly `text`: single quotes around it, and each
+// ' inside written as '\''.
+std::string shellQuoted(const std::string& text)
+{
+    std::string out = "'";
+    for (char c : text) {
+        if (c == '\'')
+            out += "'\\''";
+        else
+            out += c;
+    }
+    return out + "'";
+}
+
 // Set while log files cannot be written: the failure is reported once, and
 // again only after a line was written in between.
 std::atomic<bool> gWriteFailing{false};
@@ -90,7 +104,7 @@ void reportWriteFailure(const std::string& path, int err)
 
 LogTh::LogTh(int number, StCTrl* ctrl, const Wiring& wiring, Clock* clock)
     : tthread(number), mCtrl(ctrl), mWiring(wiring), mClock(clock), mVariant(0), mMapPresent(0),
-      mHostNameSource(&::gethostname), mMeter(ctrl, wiring.config, wiring.ups), mStopped(false)
+      mHostNameSource(&::gethostname), mMeter(ctrl, wiring.config, wiring.ups)
 {
     if (!mWiring.messages)
         mWiring.messages = &mNoMessages;
@@ -123,10 +137,6 @@ std::string LogTh::logDirectory() { return conf("Path") + "/log" + "/"; }
 
 void LogTh::writeLog(EVENTMSGINFO* ev)
 {
-    // After a fatal stop the events are still taken, so that the queue
-    // keeps moving while the daemon ends, but nothing is done with them.
-    if (mStopped)
-        return;
     switch (ev->code) {
     case EvPowerFailReport:
         ReportCountdown(ev->params[0], ev->params[1]);
@@ -252,7 +262,9 @@ void LogTh::originSuffix(std::string* out, int index)
         name = conf(indexed("CtrlIPAddress", slot));
         break;
     }
-    *out = "(" + name + ")";
+    // Host and group names come from the network: no control character of
+    // theirs reaches a log line.
+    *out = "(" + ErrorLog::printable(name, 64) + ")";
 }
 
 std::string LogTh::message(const std::string& number)
@@ -305,7 +317,7 @@ void LogTh::reportLogDirectoryProblem(const std::string& problem)
 void LogTh::MsgDisp(const char* text)
 {
     ShellRunner& shell = mWiring.shell ? *mWiring.shell : ShellRunner::system();
-    if (shell.run(std::string("wall ") + text) == 0)
+    if (shell.run("wall " + shellQuoted(text)) == 0)
         return;
     // The shell could not take the text as an argument: hand it to "wall"
     // in a file instead.
@@ -313,7 +325,7 @@ void LogTh::MsgDisp(const char* text)
     unlink(spill.c_str());
     std::string line = text;
     write(&spill, &line);
-    shell.run("wall " + spill);
+    shell.run("wall " + shellQuoted(spill));
     unlink(spill.c_str());
 }
 
@@ -323,7 +335,7 @@ void LogTh::GetCtrlName(std::string* out, int index)
         out->clear();
         return;
     }
-    *out = "\\(" + conf(indexed("CtrlIPAddress", index - 7)) + "\\)";
+    *out = "(" + ErrorLog::printable(conf(indexed("CtrlIPAddress", index - 7)), 64) + ")";
 }
 
 void LogTh::ReportCountdown(int minutes, int index)
@@ -376,18 +388,16 @@ void LogTh::ReloadAlertFile(int mode)
     std::string path = conf("Path") + "/" + (wanted == 3 ? "alert3so.rc" : "alert.rc");
     FileMap* fresh = new FileMap(path);
     if (!fresh->isLoaded()) {
+        // Without the new texts the operator still gets the old ones; the
+        // switch is tried again at the next request.
         delete fresh;
-        FileMap* old = *mWiring.messages;
-        *mWiring.messages = nullptr;
-        if (mMapPresent)
-            delete old;
-        mMapPresent = 0;
-        mStopped = true;
-        fprintf(stderr, "kestrava: cannot read the message file %s; stopping\n", path.c_str());
-        syslog(LOG_DAEMON | LOG_ERR, "cannot read the message file %s; stopping", path.c_str());
-        FatalStop::request(1, "the message file cannot be read");
+        if (mAlertProblem != path) {
+            mAlertProblem = path;
+            ErrorLog::report("cannot read the message file " + path + "; the texts in use are kept");
+        }
         return;
     }
+    mAlertProblem.clear();
     // The new map is complete before it replaces the old one, so readers
     // never see a half-loaded map.
     FileMap* old = *mWiring.messages;
@@ -400,15 +410,32 @@ void LogTh::ReloadAlertFile(int mode)
 
 // ---------------------------------------------------------------- member files
 
+std::string LogTh::dataDirectory()
+{
+    return CreateMultiControllerFile::DataDir(mWiring.config ? *mWiring.config : nullptr, homeDir());
+}
+
+// Display type of the member-side thread of slot 0..3; -1 when it does not run.
+int LogTh::memberDisplayType(int slot)
+{
+    IpcCTrlMTh* thread = mWiring.memberThreads && slot >= 0 && slot < 4 ? mWiring.memberThreads[slot] : nullptr;
+    return thread ? displayType(thread) : -1;
+}
+
 void LogTh::controllerInformation()
 {
     ShutCNT info;
     mCtrl->GetContInfo(&info);
-    CreateMultiControllerFile::WriteControllerInf(&info, homeDir().c_str());
+    FileMap* config = mWiring.config ? *mWiring.config : nullptr;
+    FileMap* members = mWiring.members ? *mWiring.members : nullptr;
+    CreateMultiControllerFile::WriteControllerInf(&info, dataDirectory().c_str(), config, members,
+                                                  [this](int slot) { return memberDisplayType(slot); });
 }
 
 void LogTh::shutdownLog(int slot, int reason)
 {
+    if (slot < 0 || slot > 3)
+        return;
     DG2_ShutdownTimming timing;
     memset(&timing, 0, sizeof timing);
     timing.winkTime = mCtrl->getWinkTime(slot);
@@ -417,7 +444,11 @@ void LogTh::shutdownLog(int slot, int reason)
     timing.shutdownDelay = mCtrl->getShutdownDelay(slot);
     std::string command = mCtrl->getRunCommand(slot);
     strncpy(timing.appTermCommand, command.c_str(), sizeof timing.appTermCommand - 1);
-    std::string controller = conf(indexed("CtrlIPAddress", slot + 1));
-    CreateMultiControllerFile::WriteShutdownLog(1, controller.c_str(), reason, &timing, homeDir().c_str());
+    // The application-end time is marked when a termination command runs in it.
+    timing.marker = command.empty() ? 0 : 1;
+    FileMap* config = mWiring.config ? *mWiring.config : nullptr;
+    FileMap* members = mWiring.members ? *mWiring.members : nullptr;
+    std::string controller =
+        CreateMultiControllerFile::DisplayName(memberDisplayType(slot), slot + 1, config, members);
+    CreateMultiControllerFile::WriteShutdownLog(1, controller.c_str(), reason, &timing, dataDirectory().c_str());
 }
-

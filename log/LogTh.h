@@ -53,16 +53,17 @@ public:
     // once until a later write succeeds.
     static int write(std::string* path, std::string* line);
 
-    // Broadcasts the text to all terminals.
+    // Broadcasts the text to all terminals. The text reaches "wall" as one
+    // single-quoted shell word: no character of it is read by the shell.
     void MsgDisp(const char* text);
 
     // Selects the message file: "alert3so.rc" for mode 3, "alert.rc" for
-    // any other mode. A missing file asks the main thread to end the daemon
-    // with status 1 (FatalStop); from then on no event is handled.
+    // any other mode. A file that cannot be read leaves the texts in use
+    // (reported once); the next request tries again.
     void ReloadAlertFile(int mode);
 
-    // The controller's name for shell messages: "" on the controller,
-    // "\(address\)" of the followed controller on a member.
+    // The controller's name for broadcasts: "" on the controller,
+    // "(address)" of the followed controller on a member.
     void GetCtrlName(std::string* out, int index);
 
     void ReportCountdown(int minutes, int index);
@@ -78,9 +79,6 @@ public:
     // The message-file variant in use: 0 none switched yet, 1 "alert.rc",
     // 3 "alert3so.rc".
     int currentVariant() const { return mVariant; }
-
-    // True once a fatal stop was requested by this thread.
-    bool stopped() const { return mStopped; }
 
     // Value of "Path" + "/log" + "/": the directory of both logs.
     std::string logDirectory();
@@ -100,6 +98,8 @@ private:
     std::string hostName();
     void controllerInformation();
     void shutdownLog(int slot, int reason);
+    int memberDisplayType(int slot);
+    std::string dataDirectory();
 
     StCTrl* mCtrl;
     Wiring mWiring;
@@ -110,5 +110,5 @@ private:
     HostNameSource mHostNameSource;
     MeterLog mMeter;
     std::string mLogDirProblem; // last problem reported about the log directory
-    bool mStopped;              // the daemon is ending: events are taken but not handled
+    std::string mAlertProblem;  // message file last reported as unreadable
 };

@@ -1,24 +1,17 @@
-// The log thread: event-log lines, operator broadcasts through a fake
-// shell, the message-file switch and write failures, in UTC.
+// The log thread: event-log lines, member files, operator broadcasts (one
+// quoted shell word), the message-file switch and write failures, in UTC.
 #include "log/LogTh.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
-#include <string>
-#include <utility>
-#include <unistd.h>
-#include <vector>
 
 #include "config/FileMap.h"
 #include "control/StCTrl.h"
 #include "core/FatalStop.h"
 #include "core/ShellRunner.h"
-#include "daemon/Globals.h"
 #include "ipc/IpcCTrlMTh.h"
+#include "operator/CreateMultiControllerFile.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/RecordingShell.h"
@@ -28,190 +21,147 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int fakeHost(char* name, size_t length) { return snprintf(name, length, "hostA") < 0; }
-
-int brokenHost(char*, size_t) { return -1; }
-
 class LogThTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         setenv("TZ", "UTC", 1);
-        tzset();
-        writeFile(dir + "/Kestrava.ini", "UPSController=1\nPath=" + dir + "\nCtrlIPAddress1=10.1.2.3\n");
-        writeFile(dir + "/alert.rc", "0=$MACHINE: shutdown in $MINUTES minutes ($MINUTES)$SEGMENT, $MACHINE$SEGMENT\n"
-                                     "1=$MACHINE: shutdown in one minute\n2=$MACHINE: shutdown cancelled\n5=five\n"
-                                     "6=Daemon started on $MACHINE\n11=Communication established\n"
-                                     "204=Scheduled shutdown in $MINUTES minutes\n206=Scheduled shutdown cancelled\n");
+        writeFile(dir + "/Kestrava.ini", "UPSController=1\nPath=" + dir + "\nCtrlIPAddress1=10.1.2.3\x07\n");
+        writeFile(dir + "/alert.rc", "0=$MACHINE: $MINUTES min ($MINUTES)$SEGMENT, $MACHINE$SEGMENT\n1=$MACHINE: one\n"
+                                     "2=$MACHINE: cancelled\n5=five\n6=Up on $MACHINE\n11=Link\n204=In $MINUTES\n");
         config.load();
-        gpMapConfig = &config;
-        gpMapMessage = new FileMap(dir + "/alert.rc");
-        gHomeDir = dir + "/";
+        messages = new FileMap(dir + "/alert.rc");
         log.setMessageMapPresent(1);
-        log.setHostNameSource(&fakeHost);
+        log.setHostNameSource([](char* name, size_t length) { return snprintf(name, length, "hostA") < 0 ? 1 : 0; });
+        CreateMultiControllerFile::setClock(&clock);
     }
-    void TearDown() override
-    {
-        delete gpMapMessage; // the switch may have replaced it
-        gpMapConfig = saved.config;
-        gpMapMessage = saved.message;
-        gHomeDir = saved.home;
-        g_pMemberTh[0] = saved.member;
-    }
+    void TearDown() override { delete messages, CreateMultiControllerFile::setClock(nullptr); }
+    void post(int code, std::vector<int> p) { EVENTMSGINFO ev = eventRecord(ThLog, code, p); log.writeLog(&ev); }
 
-    void post(int code, std::vector<int> params)
-    {
-        EVENTMSGINFO ev = eventRecord(ThLog, code, params);
-        log.writeLog(&ev);
-    }
-    std::string logFile(const std::string& name) { return readFile(dir + "/log/" + name); }
-
-    struct {
-        FileMap* config = gpMapConfig;
-        FileMap* message = gpMapMessage;
-        std::string home = gHomeDir;
-        IpcCTrlMTh* member = g_pMemberTh[0];
-    } saved;
     TempDir tmp{"logth_test."};
-    std::string dir = tmp.path();
-    ManualClock clock;
+    std::string dir = tmp.path(), home = dir + "/home/";
+    ManualClock clock{ManualClock::utc(2026, 11, 30, 23, 59, 59)};
     FileMap config{dir + "/Kestrava.ini"};
+    FileMap *configPtr = &config, *messages = nullptr, *members = nullptr;
+    UpsDataBlock* ups = nullptr;
+    IpcCTrlMTh* threads[4] = {nullptr, nullptr, nullptr, nullptr};
     StCTrl ctrl{&clock, &config};
-    LogTh log{5, &ctrl, LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh}, &clock};
+    LogTh log{5, &ctrl, LogTh::Wiring{&configPtr, &messages, &members, &ups, &home, threads}, &clock};
 };
 
-TEST_F(LogThTest, EventLogFilesPlaceholdersAndOrigin)
+TEST_F(LogThTest, EventLogLinesOriginAndMemberFilesUnderPath)
 {
-    clock.set(ManualClock::utc(2026, 11, 30, 23, 59, 59));
-    // Message 0 with its value 5: the value stands for "$MINUTES" and is
-    // not written again as message "5"; the next item is a message again.
+    // Message 0's value stands for "$MINUTES" and is not read as message
+    // "5"; the next item is a message again. A count of 1 or less writes
+    // nothing; a missing message number gives an empty text; an unreadable
+    // host name is "localhost"; the next second starts December's file.
     post(EvLog, {1, 0, 5, 5});
-    // A host name that cannot be read is "localhost"; a record with a count
-    // of 1 or less writes nothing; a missing message number gives an empty text.
     clock.advance(1);
-    log.setHostNameSource(&brokenHost);
     post(EvLog, {1});
-    post(EvLog, {1, 6});
-    post(EvLog, {1, 999});
-    // The "log" directory did not exist: the first entry created it.
-    EXPECT_EQ(logFile("202611.log"), "2026/11/30 23:59:59 hostA: shutdown in 5 minutes ($MINUTES), $MACHINE$SEGMENT\n"
-                                     "2026/11/30 23:59:59 five\n");
-
-    // Origin: only a member names the controller it follows (by address),
-    // not for its own entries (index 1) nor for a slot without a thread.
+    log.setHostNameSource([](char*, size_t) { return -1; });
+    post(EvLog, {1, 6, 999});
+    // Origin: only a member names the controller it follows, not for its own
+    // entries (index 1) nor for a slot without a thread.
     IpcCTrlMTh member(8);
-    g_pMemberTh[0] = &member;
+    threads[0] = &member;
     post(EvLog, {8, 11});
     config.setConf("UPSController", "2");
     post(EvLog, {8, 11});
     post(EvLog, {1, 11});
-    g_pMemberTh[0] = nullptr;
-    post(EvLog, {8, 11});
-    EXPECT_EQ(logFile("202612.log"), "2026/12/01 00:00:00 Daemon started on localhost\n2026/12/01 00:00:00 \n"
-                                     "2026/12/01 00:00:00 Communication established\n"
-                                     "2026/12/01 00:00:00 (10.1.2.3)Communication established\n"
-                                     "2026/12/01 00:00:00 Communication established\n"
-                                     "2026/12/01 00:00:00 Communication established\n");
+    EXPECT_EQ(readFile(dir + "/log/202611.log"), "2026/11/30 23:59:59 hostA: 5 min ($MINUTES), $MACHINE$SEGMENT\n"
+                                                 "2026/11/30 23:59:59 five\n");
+    const std::string s = "2026/12/01 00:00:00 ";
+    EXPECT_EQ(readFile(dir + "/log/202612.log"),
+              s + "Up on localhost\n" + s + "\n" + s + "Link\n" + s + "(10.1.2.3?)Link\n" + s + "Link\n");
+
+    // Controller information and the shutdown log go under "Path", with
+    // the slot's display name made printable.
+    config.setConf("AppTermCommand1", "/usr/bin/stop");
+    ctrl.setShutdownTiming(0);
+    ctrl.SetMemberContActive(0, true);
+    fs::create_directory(dir + "/CONTROLLER"), fs::create_directory(dir + "/SHUTDOWN");
+    post(EvControllerInfo, {});
+    post(EvMemberShutdownLog, {0, 1});
+    EXPECT_NE(readFile(dir + "/CONTROLLER/Controller.inf").find("\n  No.1 10.1.2.3?\n"), std::string::npos);
+    EXPECT_EQ(readFile(dir + "/SHUTDOWN/202612_sh.log"), s + "Shutdown 10.1.2.3? Power Failure 0, 0, 0*, 0\n");
+    EXPECT_FALSE(fs::exists(home));
 }
 
-// A shell whose first "wall" fails, as when the text cannot be passed as
-// arguments; it notes what the spill file held at each call.
-struct FailingWall : RecordingShell {
-    explicit FailingWall(std::string path) : spill(std::move(path)) {}
-    int run(const std::string& command) override
-    {
-        spillAtCall.push_back(fs::exists(spill) ? readFile(spill) : "<none>");
-        setStatus(spillAtCall.size() == 1 ? 256 : 0);
-        return RecordingShell::run(command);
-    }
-    std::string spill;
-    std::vector<std::string> spillAtCall;
-};
-
-TEST_F(LogThTest, OperatorBroadcastsAndTheSpillFile)
+TEST_F(LogThTest, BroadcastsReachWallAsOneQuotedWordAndSpillWhenItFails)
 {
     RecordingShell shell;
-    ScopedShell scoped(&shell);
+    ScopedShell recording(&shell);
+    log.MsgDisp("it's");
+    EXPECT_EQ(shell.runCommands(), std::vector<std::string>{"wall 'it'\\''s'"});
+    // Through the real shell, with a "wall" that refuses a text holding
+    // "refused" and reads a file: it gets each text as its one argument,
+    // nothing in a text runs, and the spill file holds the text only while
+    // the second "wall" runs.
+    SystemShellRunner real;
+    ScopedShell system(&real);
+    fs::create_directories(dir + "/bin"), fs::create_directories(home);
+    const std::string out = dir + "/wall.txt";
+    writeFile(dir + "/bin/wall", "#!/bin/sh\nprintf '%s|%s\\n' \"$#\" \"$1\" >> " + out +
+              "\n[ -f \"$1\" ] && cat \"$1\" >> " + out + "\ncase \"$1\" in *refused*) exit 1;; esac\n", 0755);
+    const std::string path = getenv("PATH");
+    setenv("PATH", (dir + "/bin:" + path).c_str(), 1);
     post(499, {1, 6});
-    post(506, {1, 6});
     post(EvPowerFailReport, {1, 8});
     post(EvPowerRestoredReport, {8});
-    post(EvScheduleReport, {7, 8});
-    post(EvScheduleCancelReport, {8});
     config.setConf("UPSController", "2");
-    post(EvPowerFailReport, {3, 9});
-    config.setConf("CtrlIPAddress2", "10.9.9.9");
-    post(EvScheduleCancelReport, {9});
-    EXPECT_EQ(shell.runCommands(), (std::vector<std::string>{
-                                       "wall hostA: shutdown in one minute",
-                                       "wall hostA: shutdown cancelled",
-                                       "wall Scheduled shutdown in 7 minutes",
-                                       "wall Scheduled shutdown cancelled",
-                                       "wall \\(\\)hostA: shutdown in 3 minutes ($MINUTES)$SEGMENT, $MACHINE$SEGMENT",
-                                       "wall \\(10.9.9.9\\)Scheduled shutdown cancelled",
-                                   }));
-    EXPECT_FALSE(fs::exists(dir + "/log")); // no event-log entry either
-
-    // When "wall" fails, the spill file exists only while the second "wall" runs.
-    const std::string spill = dir + "/SndMsgStr.tmp";
-    FailingWall failing(spill);
-    ScopedShell spilling(&failing);
-    log.MsgDisp("power failure; shut down now");
-    EXPECT_EQ(failing.runCommands(), (std::vector<std::string>{"wall power failure; shut down now", "wall " + spill}));
-    EXPECT_EQ(failing.spillAtCall, (std::vector<std::string>{"<none>", "power failure; shut down now\n"}));
-    EXPECT_FALSE(fs::exists(spill));
+    config.setConf("CtrlIPAddress2", "'$(touch " + dir + "/a)\x1b");
+    post(EvScheduleReport, {7, 9});
+    const std::string text = "refused $(touch " + dir + "/b) `touch " + dir + "/c`; touch " + dir + "/d \\' \"";
+    log.MsgDisp(text.c_str());
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(readFile(out), "1|hostA: one\n1|hostA: cancelled\n1|('$(touch " + dir + "/a)?)In 7\n1|" + text + "\n1|" +
+                                 home + "SndMsgStr.tmp\n" + text + "\n");
+    for (const char* f : {"/a", "/b", "/c", "/d", "/home/SndMsgStr.tmp", "/log"})
+        EXPECT_FALSE(fs::exists(dir + f)) << f;
 }
 
-TEST_F(LogThTest, MessageFileSwitchLoadsEachVariantOnceAndAMissingFileStops)
+TEST_F(LogThTest, MessageFileSwitchLoadsOnceAndAMissingFileKeepsTheTexts)
 {
+    // Each variant is loaded once; any mode but 3 selects "alert.rc".
     writeFile(dir + "/alert3so.rc", "2=three so\n");
     post(EvMessageFile, {3});
-    FileMap* first = gpMapMessage;
-    EXPECT_EQ(first->getConf("2"), "three so");
-    EXPECT_EQ(log.currentVariant(), 3);
-
-    // The same variant again loads nothing: the changed file is not read.
-    writeFile(dir + "/alert3so.rc", "2=changed\n");
+    FileMap* first = messages;
+    writeFile(dir + "/alert3so.rc", "2=back\n");
     log.ReloadAlertFile(3);
-    EXPECT_EQ(gpMapMessage, first);
-    EXPECT_EQ(gpMapMessage->getConf("2"), "three so");
-
-    // Any other mode selects "alert.rc", once.
-    log.ReloadAlertFile(1);
-    EXPECT_EQ(gpMapMessage->getConf("2"), "$MACHINE: shutdown cancelled");
-    FileMap* second = gpMapMessage;
+    EXPECT_EQ(messages, first);
+    EXPECT_EQ(first->getConf("2"), "three so");
     log.ReloadAlertFile(0);
-    EXPECT_EQ(gpMapMessage, second);
-
-    // A missing file asks the main thread to end the daemon; the thread
-    // then takes its events without touching the maps or the logs.
-    fs::remove(dir + "/alert3so.rc");
+    FileMap* second = messages;
+    log.ReloadAlertFile(1);
+    EXPECT_EQ(messages, second);
+    EXPECT_EQ(second->getConf("2"), "$MACHINE: cancelled");
+    // A missing file: the texts in use stay, said once, the daemon goes on;
+    // the next request loads the file once it is back.
+    fs::rename(dir + "/alert3so.rc", dir + "/saved.rc");
     testing::internal::CaptureStderr();
     post(EvMessageFile, {3});
+    post(EvMessageFile, {3});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kestrava: cannot read the message file " + dir + "/alert3so.rc; stopping\n");
-    EXPECT_TRUE(FatalStop::requested());
-    EXPECT_EQ(FatalStop::status(), 1);
-    FatalStop::resetForTests();
-    EXPECT_EQ(gpMapMessage, nullptr);
-    post(EvLog, {1, 6});
-    EXPECT_FALSE(fs::exists(dir + "/log"));
+              "kestrava: cannot read the message file " + dir + "/alert3so.rc; the texts in use are kept\n");
+    EXPECT_FALSE(FatalStop::requested());
+    EXPECT_EQ(messages, second);
+    fs::rename(dir + "/saved.rc", dir + "/alert3so.rc");
+    post(EvMessageFile, {3});
+    EXPECT_EQ(messages->getConf("2"), "back");
 }
 
 TEST_F(LogThTest, WriteFailuresAreReportedOnceUntilAWriteSucceeds)
 {
-    clock.set(ManualClock::utc(2026, 11, 14, 8, 0, 0));
-    config.setConf("Path", dir + "/missing/deeper");
+    const std::string missing = dir + "/missing/deeper";
+    config.setConf("Path", missing);
     testing::internal::CaptureStderr();
     post(EvLog, {1, 6});
     post(EvLog, {1, 6});
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kestrava: cannot create the log directory " + dir + "/missing/deeper/log: No such file or directory\n"
-              "kestrava: cannot write the log file " + dir + "/missing/deeper/log/202611.log: No such file or "
-              "directory; log lines are lost until it works again\n");
-
-    // A full disk fails at the flush: reported once, and again only after
-    // a line was written in between.
+              "kestrava: cannot create the log directory " + missing + "/log: No such file or directory\n"
+              "kestrava: cannot write the log file " + missing + "/log/202611.log: No such file or directory; "
+              "log lines are lost until it works again\n");
+    // A full disk fails at the flush: said again only after a line was written in between.
     std::string full = "/dev/full", good = dir + "/good.log", line = "x";
     testing::internal::CaptureStderr();
     for (std::string* path : {&good, &full, &full, &good, &full, &full})
