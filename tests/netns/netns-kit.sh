@@ -162,6 +162,16 @@ kit_stop() {
     rm -f "$h/daemon.pid"
 }
 
+# kit_kill LABEL: kills the daemon of LABEL at once (SIGKILL), as a crash
+# or a power cut would end it.
+kit_kill() {
+    local h=$KIT_ROOT/$1 pid
+    pid=$(cat "$h/daemon.pid" 2>/dev/null) || return 0
+    kill -KILL "$pid" 2>/dev/null
+    kit_wait 5 kit_gone "$pid"
+    rm -f "$h/daemon.pid"
+}
+
 # kit_stop_clean LABEL: true when the daemon of LABEL ends on SIGTERM
 # within 15 s (it is killed otherwise).
 kit_stop_clean() {
