@@ -314,8 +314,12 @@ kit_first_time() { head -n1 "$1" 2>/dev/null | cut -d. -f1; }
 kit_down() {
     local rc=$?
     trap - EXIT INT TERM
-    local i
-    for ((i = ${#KIT_PIDS[@]} - 1; i >= 0; i--)); do kit_end_pid "${KIT_PIDS[i]}"; done
+    # All at once: a daemon takes 5 s to end in order.
+    local pid
+    for pid in "${KIT_PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+    kit_wait 15 kit_all_gone
+    for pid in "${KIT_PIDS[@]}"; do kit_gone "$pid" || kill -KILL "$pid" 2>/dev/null; done
+    kit_wait 5 kit_all_gone
     KIT_PIDS=()
     kit_sweep
     if [ -n "$KIT_ROOT" ]; then
@@ -327,6 +331,11 @@ kit_down() {
     fi
     [ "$KIT_FAILED" = 0 ] || exit 1
     exit "$rc"
+}
+
+kit_all_gone() {
+    local pid
+    for pid in "${KIT_PIDS[@]}"; do kit_gone "$pid" || return 1; done
 }
 
 # The closing line of a scenario.
