@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "tests/fakes/ChildProcess.h"
-#include "tests/fakes/ScriptedMember.h"
+#include "bench/ScriptedMember.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// ScriptedMember: a shutdown member played by a test over real UDP on the
+// ScriptedMember: a shutdown member played by the idle-cost benchmark over UDP on the
 // loopback, speaking the daemon's own datagram definitions. It sends
 // registrations and raw bytes to a controller, receives what a member would
 // accept, and answers requests as a member does (same number, result 0, body
