@@ -223,13 +223,6 @@ void IpcCTrlCTh::resetSequence()
         table().SetMembSq(&mMemb, SqIdle, 0);
 }
 
-void IpcCTrlCTh::rearmCommErrTimer()
-{
-    // A timer already running keeps its expiry when started again: stop it first.
-    CancelCommunicationErrorTimer();
-    SetCommunicationErrorTimer();
-}
-
 void IpcCTrlCTh::dropped(const std::string& why)
 {
     const long now = static_cast<long>(clock().now());

@@ -130,7 +130,6 @@ private:
     void setCurrent(const DUP_MEMB_INFO& rec);
     void clearCurrent();
     void resetSequence();
-    void rearmCommErrTimer();
     void replyEcho(unsigned char msg, unsigned short bodyLength);
     int sendRequest(unsigned char msg, int bodySize, int timeOut, int limit, bool repeat, IPC_DST_MODE mode);
     int toAll(int (IpcCTrlCTh::*sdm)(bool, IPC_DST_MODE));

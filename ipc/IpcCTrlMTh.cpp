@@ -134,13 +134,6 @@ void IpcCTrlMTh::setSq(SQ_STAT sq, int step) { table().SetMembSq(&mMemb, sq, ste
 
 void IpcCTrlMTh::setStatus(MEMB_STAT status) { table().SetMembStatus(&mMemb, status, false); }
 
-void IpcCTrlMTh::rearmCommErrTimer()
-{
-    // A running timer keeps its expiry when started again: stop it first.
-    CancelCommunicationErrorTimer();
-    SetCommunicationErrorTimer();
-}
-
 void IpcCTrlMTh::dropped(const std::string& why)
 {
     const long now = static_cast<long>(clock().now());

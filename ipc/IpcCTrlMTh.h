@@ -142,7 +142,6 @@ private:
     void memberLog(int code, int value = 0);
     void notify(int code, std::initializer_list<int> params);
     void reportLink(int code);
-    void rearmCommErrTimer();
     void exchangeComplete();
     bool prepareHostAddress(bool fresh);
     bool waitResolved();

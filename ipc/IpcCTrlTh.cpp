@@ -204,6 +204,12 @@ int IpcCTrlTh::SetTimeOut(int awaited, int timeOut)
     return id;
 }
 
+void IpcCTrlTh::rearmCommErrTimer()
+{
+    CancelCommunicationErrorTimer();
+    SetCommunicationErrorTimer();
+}
+
 int IpcCTrlTh::PeerSlot()
 {
     char name[DG2::kNameSize + 1] = {};

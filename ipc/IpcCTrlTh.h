@@ -61,6 +61,9 @@ public:
     int SetCommunicationErrorTimer_First(int time);
     int SetCommunicationErrorTimer();
     int CancelCommunicationErrorTimer();
+    // Stops and starts it again with the fixed time (a running timer keeps
+    // its expiry when only started again).
+    void rearmCommErrTimer();
     // Timer id the communication-error timer of a member slot runs under
     // (the further network time-out ids), so the owner can map an expiry
     // back to its member; 0 for a slot out of range.
