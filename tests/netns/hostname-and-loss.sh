@@ -7,9 +7,7 @@
 # nothing down for silence alone; it comes back and is "Active" again.
 # Usage: hostname-and-loss.sh BUILD_DIR
 . "$(dirname "$0")/netns-kit.sh" "$1"
-kit_require
-kit_sweep
-trap kit_down EXIT INT TERM
+kit_begin
 
 KIT_HOSTS="10.213.0.1 ups-room-a"
 kit_switch

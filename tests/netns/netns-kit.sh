@@ -11,7 +11,7 @@
 #
 # A scenario script does:
 #   . "$(dirname "$0")/netns-kit.sh" "$BUILD_DIR"
-#   kit_require; kit_sweep; trap kit_down EXIT INT TERM; kit_switch
+#   kit_begin; kit_switch
 #   kit_host ctl 10.213.0.1; ...
 # Every process the kit starts is ended by pid in kit_down; every wait is
 # bounded. A failed run keeps its homes and says where.
@@ -59,6 +59,14 @@ kit_require() {
     ip netns del "$probe"
     [ $ok = 1 ] || kit_skip "no bridge or veth support in this kernel"
     KIT_ROOT=$(mktemp -d /tmp/kestrava-netns.XXXXXX)
+}
+
+# The start of every scenario: skip where the lab cannot run, sweep what an
+# interrupted run left, and take everything down however the script ends.
+kit_begin() {
+    kit_require
+    kit_sweep
+    trap kit_down EXIT INT TERM
 }
 
 # Removes what an earlier, interrupted run of the kit left: its namespaces

@@ -7,9 +7,7 @@
 . "$(dirname "$0")/netns-kit.sh" "$1"
 n=${2:-63}
 [ "$n" -ge 1 ] && [ "$n" -le 120 ] || { echo "MEMBERS must be 1..120"; exit 2; }
-kit_require
-kit_sweep
-trap kit_down EXIT INT TERM
+kit_begin
 
 addrs=()
 for ((i = 1; i <= n; i++)); do addrs+=("10.213.0.$((100 + i))"); done

@@ -13,9 +13,7 @@
 # set AcceptControllerCommand=0.
 # Usage: three-members.sh BUILD_DIR
 . "$(dirname "$0")/netns-kit.sh" "$1"
-kit_require
-kit_sweep
-trap kit_down EXIT INT TERM
+kit_begin
 
 kit_switch
 kit_host c1 10.213.0.1
