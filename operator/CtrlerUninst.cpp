@@ -1,10 +1,8 @@
 #include "operator/CtrlerUninst.h"
 
-#include <chrono>
 #include <cstring>
 #include <poll.h>
 #include <string>
-#include <thread>
 
 #include "core/ErrorLog.h"
 #include "ipc/DG2Bodies.h"
@@ -94,11 +92,10 @@ struct CtrlerUninst::Impl {
             seams.pause(ms);
             return;
         }
+        // Without a socket the exchange does not run: nothing to wait for.
         const int fd = socket ? socket->descriptor() : -1;
-        if (fd < 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        if (fd < 0)
             return;
-        }
         pollfd p = {fd, POLLIN, 0};
         ::poll(&p, 1, ms);
     }
