@@ -180,6 +180,8 @@ public:
         mRead += static_cast<size_t>(n);
         return n;
     }
+    bool waitReadable(int) override { return mRead < mPending.size(); }
+    long nowMs() const override { return 0; }
     int write(const unsigned char* buf, int count) override
     {
         if (count >= 4 && buf[0] == 0xAB) {

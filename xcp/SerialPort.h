@@ -36,6 +36,13 @@ public:
     // read, 0 when nothing has arrived, -1 on error (a device that went
     // away: the link then opens it afresh at its next detection).
     virtual int read(unsigned char* buf, int max) = 0;
+    // Blocks until bytes can be read or timeoutMs has passed, without
+    // spinning. True when bytes are there, or when the line failed or hung
+    // up (the next read then reports -1); false at the time-out.
+    virtual bool waitReadable(int timeoutMs) = 0;
+    // Milliseconds on a clock that never jumps: the link measures its
+    // receive windows on it, so that they agree with waitReadable.
+    virtual long nowMs() const = 0;
     // Writes in one call; the count written or -1.
     virtual int write(const unsigned char* buf, int count) = 0;
     // Discards pending output, then pending input.

@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -19,7 +21,7 @@ const SpeedEntry kSpeeds[] = {
 };
 } // namespace
 
-TermiosSerialPort::TermiosSerialPort() : mFd(-1) { memset(&mSettings, 0, sizeof mSettings); }
+TermiosSerialPort::TermiosSerialPort() : mFd(-1), mLineTrouble(false) { memset(&mSettings, 0, sizeof mSettings); }
 
 TermiosSerialPort::~TermiosSerialPort() { close(); }
 
@@ -42,6 +44,7 @@ int TermiosSerialPort::rateFor(speed_t speed)
 int TermiosSerialPort::open(const std::string& path)
 {
     close();
+    mLineTrouble = false;
     // Close-on-exec: the commands the daemon runs must not inherit the line.
     mFd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     return mFd;
@@ -52,6 +55,7 @@ void TermiosSerialPort::close()
     if (mFd >= 0)
         ::close(mFd);
     mFd = -1;
+    mLineTrouble = false;
 }
 
 bool TermiosSerialPort::makeRaw()
@@ -88,7 +92,45 @@ int TermiosSerialPort::read(unsigned char* buf, int max)
     do
         n = ::read(mFd, buf, static_cast<size_t>(max));
     while (n < 0 && errno == EINTR);
+    if (n == 0 && mLineTrouble)
+        n = -1;
+    mLineTrouble = false;
     return n < 0 ? -1 : static_cast<int>(n);
+}
+
+bool TermiosSerialPort::waitReadable(int timeoutMs)
+{
+    if (mFd < 0)
+        return true;  // the read reports the closed port
+    const long deadline = nowMs() + (timeoutMs > 0 ? timeoutMs : 0);
+    for (;;) {
+        long left = deadline - nowMs();
+        if (left < 0)
+            left = 0;
+        pollfd p;
+        p.fd = mFd;
+        p.events = POLLIN;
+        p.revents = 0;
+        const int r = ::poll(&p, 1, static_cast<int>(left));
+        if (r > 0) {
+            if (p.revents & (POLLHUP | POLLERR | POLLNVAL))
+                mLineTrouble = true;
+            return true;
+        }
+        if (r == 0)
+            return false;
+        if (errno != EINTR) {
+            mLineTrouble = true;
+            return true;
+        }
+    }
+}
+
+long TermiosSerialPort::nowMs() const
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long>(ts.tv_sec) * 1000L + ts.tv_nsec / 1000000L;
 }
 
 int TermiosSerialPort::write(const unsigned char* buf, int count)

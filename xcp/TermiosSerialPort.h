@@ -22,6 +22,10 @@ public:
     bool setSpeed(int rate) override;
     int getSpeed() const override;
     int read(unsigned char* buf, int max) override;
+    // poll() on the descriptor; retried with the time left after a signal.
+    bool waitReadable(int timeoutMs) override;
+    // CLOCK_MONOTONIC in milliseconds.
+    long nowMs() const override;
     int write(const unsigned char* buf, int count) override;
     void flush() override;
     bool setRTS(bool on) override;
@@ -43,4 +47,8 @@ private:
 
     int mFd;
     termios mSettings;
+    // The last wait saw a hang-up or error: a read that then brings nothing
+    // reports the failure instead of looking like a quiet line (a hung-up
+    // terminal polls readable and reads 0 for ever).
+    bool mLineTrouble;
 };

@@ -19,12 +19,13 @@ namespace {
 // Pauses that pace the UPS.
 const int kWritePauseMs = 500;
 const int kExchangePauseMs = 150;
-const int kReadPollMs = 50;
-// Receive retries: waiting for the first byte, collecting the rest, and
-// waiting for a frame's missing bytes.
-const int kFirstByteRetries = 40;
-const int kCollectReads = 10;
-const int kFrameRetries = 100;
+// Receive windows: silence allowed before the first byte, the collecting
+// window after it, the extra wait a zero byte in a header or checksum
+// position gets, and the limit for completing one frame.
+const int kFirstByteMs = 2000;
+const int kCollectMs = 500;
+const int kZeroByteMs = 50;
+const int kFrameMs = 5000;
 
 void logProblem(const char* text)
 {
@@ -288,9 +289,36 @@ int XcpIFTh::readMore(unsigned char* buf, int* fill)
         return 0;
     int n = portRead(buf + *fill, mMaxReplyLength - *fill);
     if (n <= 0)
-        return 0;
+        return n < 0 ? -1 : 0;
     *fill += n;
     return n;
+}
+
+bool XcpIFTh::awaitBytes(unsigned char* buf, int* fill, int want, long deadline, bool lastCounts)
+{
+    // Each turn blocks on the line until bytes come or the deadline passes,
+    // so a quiet line costs one wake-up per window, not one per 50 ms. A
+    // failing line ends the wait at once: it polls readable for ever and
+    // would only spin.
+    while (*fill < want) {
+        const long left = deadline - mPort->nowMs();
+        if (left <= 0 || !mPort->waitReadable(static_cast<int>(left)))
+            return false;
+        if (!lastCounts && mPort->nowMs() >= deadline)
+            return false;
+        if (readMore(buf, fill) < 0)
+            return false;
+    }
+    return true;
+}
+
+void XcpIFTh::readAfterZero(unsigned char* buf, int* fill)
+{
+    // A zero in the zero-filled buffer may be a byte still on its way: one
+    // short wait and one read before it is judged. A genuine zero costs
+    // just this wait.
+    mPort->waitReadable(kZeroByteMs);
+    readMore(buf, fill);
 }
 
 int XcpIFTh::recvData(std::string* reply)
@@ -305,64 +333,48 @@ int XcpIFTh::recvData(std::string* reply)
     const int max = mMaxReplyLength;
     int fill = 0;
 
-    if (readMore(buf, &fill) == 0) {
-        int tries = 0;
-        for (;;) {
-            pause(kReadPollMs);
-            if (readMore(buf, &fill) > 0)
-                break;
-            if (++tries >= kFirstByteRetries)
-                return XcpTimeout;
-        }
-    }
-    for (int i = 0; i < kCollectReads; ++i) {
-        pause(kReadPollMs);
-        readMore(buf, &fill);
-    }
+    // About 2 s of silence ends the exchange.
+    const long firstByteDeadline = mPort->nowMs() + kFirstByteMs;
+    if (readMore(buf, &fill) <= 0 && !awaitBytes(buf, &fill, 1, firstByteDeadline, true))
+        return XcpTimeout;
+    // The rest of the reply comes in this window. Nothing is judged before
+    // its end and the line keeps what arrives, so one pause and one read
+    // collect it.
+    pause(kCollectMs);
+    readMore(buf, &fill);
 
-    // Walk the frames. A zero byte in the zero-filled buffer may be one that
-    // has not arrived yet, so it costs one more read before it is judged.
+    // Walk the frames.
     int pos = 0;
     int sequence = 1;
     for (;;) {
         // The header (start, block, length, sequence) must fit.
         if (pos + 4 > max)
             return XcpTimeout;
-        if (buf[pos] == 0) {
-            pause(kReadPollMs);
-            readMore(buf, &fill);
-        }
+        if (buf[pos] == 0)
+            readAfterZero(buf, &fill);
         if (buf[pos] != kStartByte)
             return XcpNoStart;
-        if (buf[pos + 1] == 0) {
-            pause(kReadPollMs);
-            readMore(buf, &fill);
-        }
+        if (buf[pos + 1] == 0)
+            readAfterZero(buf, &fill);
         if (buf[pos + 1] != block)
             return XcpWrongBlock;
-        if (buf[pos + 2] == 0) {
-            pause(kReadPollMs);
-            readMore(buf, &fill);
-        }
+        if (buf[pos + 2] == 0)
+            readAfterZero(buf, &fill);
         const int end = pos + 4 + buf[pos + 2];
         // A frame whose checksum would lie beyond the receive buffer can
         // never be completed.
         if (end + 1 > max)
             return XcpTimeout;
-        int tries = 0;
-        while (fill < end) {
-            pause(kReadPollMs);
-            readMore(buf, &fill);
-            if (++tries >= kFrameRetries)
-                return XcpTimeout;
-        }
+        // About 5 s for the rest of a slow long frame. The limit is a hard
+        // one: bytes that come only at the deadline do not complete the
+        // frame (the first-byte wait, in contrast, still takes them).
+        if (!awaitBytes(buf, &fill, end, mPort->nowMs() + kFrameMs, false))
+            return XcpTimeout;
         unsigned sum = 0;
         for (int i = pos; i < end; ++i)
             sum += buf[i];
-        if (buf[end] == 0) {
-            pause(kReadPollMs);
-            readMore(buf, &fill);
-        }
+        if (buf[end] == 0)
+            readAfterZero(buf, &fill);
         if (buf[end] != static_cast<unsigned char>(0x100 - (sum & 0xFF)))
             return XcpBadChecksum;
         reply->append(reinterpret_cast<const char*>(buf + pos + 4), static_cast<size_t>(end - pos - 4));

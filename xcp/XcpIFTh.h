@@ -133,8 +133,15 @@ private:
     // Common steps of the action commands: support test (unless always),
     // authentication, exchange, echo test (when check).
     int actionCommand(unsigned char code, const std::string& args, bool always, bool check);
-    // Appends bytes read from the port to the receive buffer; the count read.
+    // Appends bytes read from the port to the receive buffer; the count
+    // read, -1 when the read failed.
     int readMore(unsigned char* buf, int* fill);
+    // Waits for and reads bytes until the buffer holds want bytes (true) or
+    // the deadline on the port's clock passes or the line fails (false);
+    // lastCounts: bytes that come just at the deadline still count.
+    bool awaitBytes(unsigned char* buf, int* fill, int want, long deadline, bool lastCounts);
+    // One short wait and one read, for a zero byte that may not have come.
+    void readAfterZero(unsigned char* buf, int* fill);
     // Reads from or writes to the port, noting a failure as a lost port.
     int portRead(unsigned char* buf, int max);
     int portWrite(const unsigned char* buf, int count);

@@ -39,7 +39,8 @@ public:
     std::vector<std::string> writes, openedPaths;  // every write, as given; every open
     std::vector<int> writeSpeeds;                   // the speed set at each write
     bool rts = false;
-    long nowMs() const { return mNow; }
+    int reads = 0, waits = 0;  // read() and waitReadable() calls
+    long nowMs() const override { return mNow; }
     // The framed writes with this command code; the codes of all framed writes, in order.
     std::vector<std::string> framesWithCode(unsigned char code) const
     {
@@ -99,6 +100,7 @@ public:
     int getSpeed() const override { return mSpeed; }
     int read(unsigned char* buf, int max) override
     {
+        ++reads;
         if (readFails || hungUp)
             return -1;
         int n = 0;
@@ -109,6 +111,16 @@ public:
                 it = mIncoming.erase(it);
         }
         return n;
+    }
+    // Virtual time moves to the first arrival due within the time-out, or by the whole time-out.
+    bool waitReadable(int timeoutMs) override
+    {
+        ++waits;
+        if (readFails || hungUp)
+            return true;
+        if (!mIncoming.empty() && mIncoming.begin()->first <= mNow + timeoutMs)
+            return mNow = std::max(mNow, mIncoming.begin()->first), true;
+        return mNow += std::max(timeoutMs, 0), false;
     }
     int write(const unsigned char* buf, int count) override
     {
