@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "xcp/TermiosSerialPort.h"
@@ -77,5 +78,39 @@ TEST(TermiosSerialPortTest, RawLineOnAPseudoTerminal)
     EXPECT_FALSE(port.isOpen() || port.setRTS(true));
     EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(port.read(buf, 4), port.write(frame, 4)));
     close(master);
+}
+
+// The link's receive windows block here: nothing comes, the time-out ends
+// the wait; a byte ends it at once; so does a line whose other side went
+// away, and the read then reports the failure (the time-outs only bound a
+// faulty wait).
+TEST(TermiosSerialPortTest, WaitReadableBlocksUntilBytesOrTimeOut)
+{
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, grantpt(master));
+    ASSERT_EQ(0, unlockpt(master));
+    TermiosSerialPort port;
+    ASSERT_GE(port.open(ptsname(master)), 0);
+    ASSERT_TRUE(port.makeRaw());
+
+    EXPECT_FALSE(port.waitReadable(50));
+    std::thread writer([master] {
+        usleep(100000);
+        EXPECT_EQ(1, write(master, "\xab", 1));
+    });
+    const bool readable = port.waitReadable(20000);
+    writer.join();
+    EXPECT_TRUE(readable);
+    unsigned char byte = 0;
+    EXPECT_EQ(1, port.read(&byte, 1));
+    EXPECT_EQ(0xAB, byte);
+
+    close(master);
+    EXPECT_TRUE(port.waitReadable(20000));
+    EXPECT_EQ(-1, port.read(&byte, 1));
+    port.close();
+    EXPECT_TRUE(port.waitReadable(20000));  // a closed port: the read says so
+    EXPECT_EQ(-1, port.read(&byte, 1));
 }
 } // namespace

@@ -151,6 +151,50 @@ TEST_F(XcpLinkTest, SilenceLateAndTrickledReplies)
     EXPECT_GE(port.nowMs() - before, 100 * 50);
 }
 
+// The windows block on the line: a handful of reads and waits per exchange
+// (a 50 ms polling loop makes dozens), with their limits unchanged.
+TEST_F(XcpLinkTest, WindowsWaitOnTheLineAndKeepTheirLimits)
+{
+    ASSERT_EQ(1, link->portOpen());
+    std::string reply;
+    // {reply, result, reads, waits, time}: the count of read() and
+    // waitReadable() calls and the virtual time of one exchange.
+    auto measure = [&](const P::Reply& r) {
+        port.queueReply(0x33, r);
+        port.reads = port.waits = 0;
+        reply.clear();
+        const long before = port.nowMs();
+        const int result = exchange(0x33, &reply);
+        port.flush();  // bytes that came too late must not answer the next exchange
+        return std::vector<long>{result, port.reads, port.waits, port.nowMs() - before};
+    };
+    const std::string full = P::reply(3, "abc");
+    EXPECT_EQ(std::vector<long>({0, 2, 0, 500 + 500 + 150}), measure(P::Reply{full}));
+    EXPECT_EQ(std::vector<long>({6, 1, 1, 500 + 2000 + 150}), measure(P::Reply{""}));
+    // First bytes just at the 2 s limit still count; a millisecond later not.
+    EXPECT_EQ(std::vector<long>({0, 3, 1, 500 + 2000 + 500 + 150}), measure(P::Reply{full, 500 + 2000}));
+    EXPECT_EQ(6, measure(P::Reply{full, 500 + 2001})[0]);
+    // The rest of a frame must come before the 5 s limit, which starts after
+    // the write pause and the collecting window.
+    EXPECT_EQ(std::vector<long>({0, 3, 1, 500 + 500 + 4999 + 150}), measure(P::Reply{full, 0, 4, 1000 + 4999}));
+    EXPECT_EQ(std::vector<long>({6, 2, 1, 500 + 500 + 5000 + 150}), measure(P::Reply{full, 0, 4, 1000 + 5000}));
+    // A genuine zero checksum costs one 50 ms wait; a failing line ends the
+    // wait at once instead of spinning on it.
+    const std::vector<long> zeroSum = measure(P::Reply{P::reply(3, P::bytes({0x01, 0xCE}))});
+    EXPECT_EQ(std::vector<long>({0, 3, 1, 500 + 500 + 50 + 150}), zeroSum);
+    port.readFails = true;
+    EXPECT_EQ(std::vector<long>({6, 2, 1, 500 + 150}), measure(P::Reply{""}));
+    port.readFails = false;
+
+    // Twelve pieces of two bytes 120 ms apart, across the collecting window
+    // (five read at its start, four at its end) and the frame's wait (one
+    // wait and one read for each of the last three).
+    const std::string data = "0123456789abcdefghi";
+    const std::vector<long> pieces = measure(P::Reply{P::reply(3, data), 0, 2, 120});
+    EXPECT_EQ(data, reply);
+    EXPECT_EQ(std::vector<long>({0, 2 + 3, 3, 11 * 120 + 150}), pieces);
+}
+
 TEST_F(XcpLinkTest, ReplyLongerThanTheBufferIsCut)
 {
     // Six full frames: the fifth would end beyond the 1210-byte buffer; four fit.
