@@ -1,5 +1,5 @@
 // ScriptedSerialPort: a serial line that plays a UPS from a script, on a
-// virtual time moved only by its sleeper(), so the link's pauses cost nothing.
+// virtual time moved only by its sleeper() and waitReadable(), so the link's waits cost nothing.
 // Replies are scripted per command code; every write is recorded with its speed.
 #pragma once
 
