@@ -1,14 +1,22 @@
 // Timer list and tick: start/stop rules, clock jumps, periodic re-arming and
-// expiry reports as they reach the controller's queue.
+// expiry reports as they reach the controller's queue; the tick loop sleeping
+// until the earliest expiry (in virtual time, and once on the real timerfd).
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
+#include "core/Clock.h"
+#include "core/TimerFdWait.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
+#include "tests/fakes/ManualTimerWait.h"
 #include "tests/fakes/TempConfig.h"
 
 namespace {
@@ -118,6 +126,187 @@ TEST_F(TimerIFThTest, ExpiriesReachTheControllerInStartingOrder)
     // report nothing but are gone like any one-shot.
     EXPECT_EQ(tickAt(T0 + 1), (V{"9:EvNetTimeout(603):30", "2:EvUpsPoll(201):"}));
     EXPECT_EQ(0, timers.runningTimers());
+}
+
+// The tick loop on the manual clock: every wait runs the test's step, then
+// sleeps (in virtual time) until the armed second.
+class TimerLoopTest : public ::testing::Test {
+protected:
+    struct LoopTimer : TimerIFTh {
+        using TimerIFTh::TimerIFTh;
+        using TimerIFTh::thread_main;
+    };
+
+    TimerLoopTest() : config("UPSController=1\n"), clock(T0), ctrl(&clock, config.map()), wait(clock),
+                      timers(1, &ctrl, &clock, &wait) {}
+
+    void start(int id, time_t expiry, int interval)
+    {
+        TimerMng tm{id, static_cast<int32_t>(expiry), interval, 9};
+        timers.Timer_Start(&tm);
+    }
+    // Runs the loop until the step asks to stop or `waits` waits have passed.
+    // Returns what reached the queue, each batch with the second it came at.
+    std::vector<Fired> run(int waits, std::function<bool(int n)> step)
+    {
+        std::vector<Fired> out;
+        auto collect = [&] {
+            if (V events = drainDescribed(ctrl); !events.empty())
+                out.push_back({clock.now(), events});
+        };
+        wait.onWait = [&](int n) {
+            collect();
+            if (!step(n) || n >= waits)
+                timers.requestStop();
+        };
+        timers.thread_main();
+        collect();
+        return out;
+    }
+
+    TempConfig config;
+    ManualClock clock;
+    StCTrl ctrl;
+    ManualTimerWait wait;
+    LoopTimer timers;
+};
+
+const V kFired30{"9:EvNetTimeout(603):30"}, kFired31{"9:EvNetTimeout(603):31"}, kFired32{"9:EvNetTimeout(603):32"};
+
+TEST_F(TimerLoopTest, LongSleepsAreNoClockJumpAndBehindPeriodicsFireOncePerTick)
+{
+    // A periodic timer two intervals behind fires once per tick (three ticks
+    // in a row, no sleep between), then the loop sleeps from expiry to expiry
+    // and each one-shot fires at its own second: the sleeps shift nothing.
+    start(32, T0 - 7200, 3600);
+    start(30, T0 + 600, 0);
+    start(31, T0 + 900, 0);
+    auto fired = run(20, [&](int) { return clock.now() < T0 + 3600; });
+    EXPECT_EQ(fired, (std::vector<Fired>{{T0, kFired32}, {T0, kFired32}, {T0, kFired32}, {T0 + 600, kFired30},
+                                         {T0 + 900, kFired31}, {T0 + 3600, kFired32}}));
+    EXPECT_EQ(wait.arms().back(), T0 + 7200);
+}
+
+TEST_F(TimerLoopTest, ClockSetWakesAtOnceAndTimersKeepTheirRemainingTime)
+{
+    start(30, T0 + 60, 0);
+    start(31, T0 + 20, 0);
+    time_t armedAfterSet = 0;
+    auto fired = run(20, [&](int) {
+        const time_t now = clock.now();
+        if (now == T0 + 20) {
+            wait.setClock(T0 + 3620); // an hour forward, 40 s before 30 was due
+        } else if (now == T0 + 3620) {
+            armedAfterSet = wait.armed(); // the tick ran at once, before any sleep
+        } else if (now == T0 + 3660) {
+            start(32, T0 + 3661, 0);
+            wait.setClock(T0 + 3661); // one second forward: an ordinary tick
+        } else if (now == T0 + 3661) {
+            return false;
+        }
+        return true;
+    });
+    EXPECT_EQ(armedAfterSet, T0 + 3660);
+    EXPECT_EQ(fired, (std::vector<Fired>{{T0 + 20, kFired31}, {T0 + 3660, kFired30}, {T0 + 3661, kFired32}}));
+}
+
+TEST_F(TimerLoopTest, EarlierStartsAndMovesReArmTheSleepingWait)
+{
+    start(30, T0 + 1000, 0);
+    auto fired = run(20, [&](int n) {
+        if (n == 1) // while sleeping towards T0 + 1000
+            start(31, T0 + 10, 0);
+        if (clock.now() == T0 + 10)
+            timers.Timer_Reset(30, -500);
+        return clock.now() < T0 + 500;
+    });
+    EXPECT_EQ(fired, (std::vector<Fired>{{T0 + 10, kFired31}, {T0 + 500, kFired30}}));
+}
+
+TEST_F(TimerLoopTest, StatusCheckBeforeTwoOfThreeTicksAndAtOnceAfterARecordChange)
+{
+    config.map()->setConf("UPSController", "2");
+    const V info{"5:EvControllerInfo(504):"};
+    // Without the wake: the record changes before every wait (a day apart
+    // with no timer running); the check finds it before two of every three ticks.
+    auto fired = run(12, [&](int n) {
+        ctrl.ShutDownSetSCHStatus(0, n);
+        return true;
+    });
+    std::string seen(12, '0');
+    for (const Fired& f : fired)
+        seen[(f.first - T0) / 86400] = f.second == info ? '1' : '?';
+    EXPECT_EQ(seen, "001101101101");
+
+    // With the wake: a change makes the check run without sleeping; writing
+    // the same value again wakes nothing.
+    LoopTimer again(1, &ctrl, &clock, &wait);
+    ctrl.setContInfoWake([&again] { again.wakeContInfo(); });
+    ctrl.CheckContInfo();
+    drainDescribed(ctrl);
+    std::vector<time_t> atWait;
+    fired.clear();
+    wait.onWait = [&](int) {
+        if (V events = drainDescribed(ctrl); !events.empty())
+            fired.push_back({clock.now(), events});
+        atWait.push_back(clock.now());
+        if (atWait.size() == 4 || atWait.size() == 6)
+            ctrl.ShutDownSetPFStatus(1, 1);
+        if (atWait.size() == 8)
+            again.requestStop();
+    };
+    again.thread_main();
+    ASSERT_EQ(atWait.size(), 8u);
+    EXPECT_EQ(atWait[4], atWait[3]);         // woken: no time passed
+    EXPECT_EQ(atWait[6], atWait[5] + 86400); // same value: slept on
+    EXPECT_EQ(fired, (std::vector<Fired>{{atWait[3], info}}));
+}
+
+// The real wait: a timerfd on the wall clock and an eventfd, with the system
+// clock. Nothing here sets the clock; every wait is bounded.
+TEST(TimerFdWaitTest, WakesForAnArmedSecondAnEarlierStartFromAnotherThreadAndAStop)
+{
+    TimerFdWait direct;
+    ASSERT_TRUE(direct.ready());
+    direct.arm(Clock::system().now() + 86400);
+    direct.wake();
+    EXPECT_EQ(direct.wait(), TimerWait::Woken);
+    direct.arm(1);
+    EXPECT_EQ(direct.wait(), TimerWait::Expired);
+
+    struct Loop : TimerIFTh {
+        using TimerIFTh::TimerIFTh;
+        void thread_main() override
+        {
+            TimerIFTh::thread_main();
+            ended.store(true);
+        }
+        std::atomic<bool> ended{false};
+    };
+    TempConfig config("UPSController=1\n");
+    StCTrl ctrl(nullptr, config.map());
+    Loop timers(1, &ctrl);
+    const time_t now = Clock::system().now();
+    TimerMng late{30, static_cast<int32_t>(now + 3600), 0, 9}, soon{31, static_cast<int32_t>(now + 1), 0, 9};
+    timers.Timer_Start(&late);
+    ASSERT_TRUE(timers.st());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // let it arm for the hour
+    timers.Timer_Start(&soon);
+    V fired;
+    for (int i = 0; i < 200 && fired.empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        fired = drainDescribed(ctrl);
+    }
+    EXPECT_EQ(fired, kFired31);
+    timers.requestStop();
+    for (int i = 0; i < 200 && !timers.ended.load(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    if (!timers.ended.load()) {
+        fprintf(stderr, "the timer loop did not stop\n");
+        abort();
+    }
+    EXPECT_FALSE(timers.sp());
+    EXPECT_TRUE(timers.isActive(30));
 }
 
 } // namespace
