@@ -13,7 +13,6 @@
 #include "control/StCTrl.h"
 #include "control/TimerIFTh.h"
 #include "core/Clock.h"
-#include "core/TimerFdWait.h"
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/ManualTimerWait.h"
@@ -140,14 +139,14 @@ protected:
     TimerLoopTest() : config("UPSController=1\n"), clock(T0), ctrl(&clock, config.map()), wait(clock),
                       timers(1, &ctrl, &clock, &wait) {}
 
-    void start(int id, time_t expiry, int interval)
+    void start(int id, time_t expiry, int interval = 0)
     {
         TimerMng tm{id, static_cast<int32_t>(expiry), interval, 9};
         timers.Timer_Start(&tm);
     }
-    // Runs the loop until the step asks to stop or `waits` waits have passed.
-    // Returns what reached the queue, each batch with the second it came at.
-    std::vector<Fired> run(int waits, std::function<bool(int n)> step)
+    // Runs the loop until the step returns false (at most 20 waits). Returns
+    // what reached the queue, each batch with the second it came at.
+    std::vector<Fired> run(std::function<bool(int n)> step)
     {
         std::vector<Fired> out;
         auto collect = [&] {
@@ -156,7 +155,7 @@ protected:
         };
         wait.onWait = [&](int n) {
             collect();
-            if (!step(n) || n >= waits)
+            if (!step(n) || n >= 20)
                 timers.requestStop();
         };
         timers.thread_main();
@@ -172,139 +171,100 @@ protected:
 };
 
 const V kFired30{"9:EvNetTimeout(603):30"}, kFired31{"9:EvNetTimeout(603):31"}, kFired32{"9:EvNetTimeout(603):32"};
+const V kInfo{"5:EvControllerInfo(504):"};
 
-TEST_F(TimerLoopTest, LongSleepsAreNoClockJumpAndBehindPeriodicsFireOncePerTick)
+TEST_F(TimerLoopTest, SleepsToTheEarliestExpiryWhichEarlierStartsAndMovesBringForward)
 {
-    // A periodic timer two intervals behind fires once per tick (three ticks
-    // in a row, no sleep between), then the loop sleeps from expiry to expiry
-    // and each one-shot fires at its own second: the sleeps shift nothing.
-    start(32, T0 - 7200, 3600);
-    start(30, T0 + 600, 0);
-    start(31, T0 + 900, 0);
-    auto fired = run(20, [&](int) { return clock.now() < T0 + 3600; });
-    EXPECT_EQ(fired, (std::vector<Fired>{{T0, kFired32}, {T0, kFired32}, {T0, kFired32}, {T0 + 600, kFired30},
-                                         {T0 + 900, kFired31}, {T0 + 3600, kFired32}}));
-    EXPECT_EQ(wait.arms().back(), T0 + 7200);
+    // A periodic timer two intervals behind fires once per tick (ticks back
+    // to back); then each timer fires at its own second: long sleeps shift
+    // nothing, and a start or move during a sleep re-arms it.
+    start(32, T0 - 7200, 3600), start(30, T0 + 1000);
+    auto fired = run([&](int n) {
+        if (n == 4) // sleeping towards T0 + 1000
+            start(31, T0 + 10);
+        if (clock.now() == T0 + 10)
+            timers.Timer_Reset(30, -500);
+        return clock.now() < T0 + 3600;
+    });
+    EXPECT_EQ(fired, (std::vector<Fired>{{T0, kFired32}, {T0, kFired32}, {T0, kFired32}, {T0 + 10, kFired31},
+                                         {T0 + 500, kFired30}, {T0 + 3600, kFired32}}));
 }
 
 TEST_F(TimerLoopTest, ClockSetWakesAtOnceAndTimersKeepTheirRemainingTime)
 {
-    start(30, T0 + 60, 0);
-    start(31, T0 + 20, 0);
+    start(30, T0 + 60), start(31, T0 + 20);
     time_t armedAfterSet = 0;
-    auto fired = run(20, [&](int) {
-        const time_t now = clock.now();
-        if (now == T0 + 20) {
-            wait.setClock(T0 + 3620); // an hour forward, 40 s before 30 was due
-        } else if (now == T0 + 3620) {
-            armedAfterSet = wait.armed(); // the tick ran at once, before any sleep
-        } else if (now == T0 + 3660) {
-            start(32, T0 + 3661, 0);
-            wait.setClock(T0 + 3661); // one second forward: an ordinary tick
-        } else if (now == T0 + 3661) {
-            return false;
-        }
-        return true;
+    auto fired = run([&](int) {
+        if (clock.now() == T0 + 20)
+            wait.setClock(T0 + 3620); // an hour forward, 40 s before 30 is due
+        else if (clock.now() == T0 + 3620)
+            armedAfterSet = wait.armed(); // the tick ran with no sleep
+        else if (clock.now() == T0 + 3660)
+            start(32, T0 + 3661), wait.setClock(T0 + 3661); // +1 s: an ordinary tick
+        return clock.now() != T0 + 3661;
     });
     EXPECT_EQ(armedAfterSet, T0 + 3660);
     EXPECT_EQ(fired, (std::vector<Fired>{{T0 + 20, kFired31}, {T0 + 3660, kFired30}, {T0 + 3661, kFired32}}));
 }
 
-TEST_F(TimerLoopTest, EarlierStartsAndMovesReArmTheSleepingWait)
+TEST_F(TimerLoopTest, StatusCheckRunsBeforeTwoOfThreeTicks)
 {
-    start(30, T0 + 1000, 0);
-    auto fired = run(20, [&](int n) {
-        if (n == 1) // while sleeping towards T0 + 1000
-            start(31, T0 + 10, 0);
-        if (clock.now() == T0 + 10)
-            timers.Timer_Reset(30, -500);
-        return clock.now() < T0 + 500;
-    });
-    EXPECT_EQ(fired, (std::vector<Fired>{{T0 + 10, kFired31}, {T0 + 500, kFired30}}));
-}
-
-TEST_F(TimerLoopTest, StatusCheckBeforeTwoOfThreeTicksAndAtOnceAfterARecordChange)
-{
+    // The record changes before every wait (a day apart, no timer running).
     config.map()->setConf("UPSController", "2");
-    const V info{"5:EvControllerInfo(504):"};
-    // Without the wake: the record changes before every wait (a day apart
-    // with no timer running); the check finds it before two of every three ticks.
-    auto fired = run(12, [&](int n) {
+    auto fired = run([&](int n) {
         ctrl.ShutDownSetSCHStatus(0, n);
-        return true;
+        return n < 12;
     });
     std::string seen(12, '0');
     for (const Fired& f : fired)
-        seen[(f.first - T0) / 86400] = f.second == info ? '1' : '?';
+        seen[(f.first - T0) / 86400] = f.second == kInfo ? '1' : '?';
     EXPECT_EQ(seen, "001101101101");
-
-    // With the wake: a change makes the check run without sleeping; writing
-    // the same value again wakes nothing.
-    LoopTimer again(1, &ctrl, &clock, &wait);
-    ctrl.setContInfoWake([&again] { again.wakeContInfo(); });
-    ctrl.CheckContInfo();
-    drainDescribed(ctrl);
-    std::vector<time_t> atWait;
-    fired.clear();
-    wait.onWait = [&](int) {
-        if (V events = drainDescribed(ctrl); !events.empty())
-            fired.push_back({clock.now(), events});
-        atWait.push_back(clock.now());
-        if (atWait.size() == 4 || atWait.size() == 6)
-            ctrl.ShutDownSetPFStatus(1, 1);
-        if (atWait.size() == 8)
-            again.requestStop();
-    };
-    again.thread_main();
-    ASSERT_EQ(atWait.size(), 8u);
-    EXPECT_EQ(atWait[4], atWait[3]);         // woken: no time passed
-    EXPECT_EQ(atWait[6], atWait[5] + 86400); // same value: slept on
-    EXPECT_EQ(fired, (std::vector<Fired>{{atWait[3], info}}));
 }
 
-// The real wait: a timerfd on the wall clock and an eventfd, with the system
-// clock. Nothing here sets the clock; every wait is bounded.
-TEST(TimerFdWaitTest, WakesForAnArmedSecondAnEarlierStartFromAnotherThreadAndAStop)
+TEST_F(TimerLoopTest, MemberRecordChangeWakesTheStatusCheckAtOnce)
 {
-    TimerFdWait direct;
-    ASSERT_TRUE(direct.ready());
-    direct.arm(Clock::system().now() + 86400);
-    direct.wake();
-    EXPECT_EQ(direct.wait(), TimerWait::Woken);
-    direct.arm(1);
-    EXPECT_EQ(direct.wait(), TimerWait::Expired);
+    config.map()->setConf("UPSController", "2");
+    ctrl.setContInfoWake([this] { timers.wakeContInfo(); });
+    auto fired = run([&](int n) {
+        if (n == 4 || n == 6) // the second write repeats the value: no wake
+            ctrl.ShutDownSetPFStatus(1, 1);
+        return n < 7;
+    });
+    // Waits 1-3 and 6 sleep a day; 4 is woken and the check reports at once.
+    EXPECT_EQ(fired, (std::vector<Fired>{{T0 + 3 * 86400, kInfo}}));
+    EXPECT_EQ(clock.now(), T0 + 5 * 86400);
+}
 
+// The real wait (timerfd and eventfd) on the system clock, which nothing here
+// sets; every wait is bounded.
+TEST(TimerFdWaitTest, WakesForAnEarlierStartFromAnotherThreadAndForAStop)
+{
     struct Loop : TimerIFTh {
         using TimerIFTh::TimerIFTh;
-        void thread_main() override
-        {
-            TimerIFTh::thread_main();
-            ended.store(true);
-        }
+        void thread_main() override { TimerIFTh::thread_main(), ended.store(true); }
         std::atomic<bool> ended{false};
+    };
+    auto within10s = [](std::function<bool()> done) {
+        for (int i = 0; i < 200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+            if (done())
+                return true;
+        return false;
     };
     TempConfig config("UPSController=1\n");
     StCTrl ctrl(nullptr, config.map());
     Loop timers(1, &ctrl);
-    const time_t now = Clock::system().now();
-    TimerMng late{30, static_cast<int32_t>(now + 3600), 0, 9}, soon{31, static_cast<int32_t>(now + 1), 0, 9};
+    const int32_t now = static_cast<int32_t>(Clock::system().now());
+    TimerMng late{30, now + 3600, 0, 9}, soon{31, now + 1, 0, 9};
     timers.Timer_Start(&late);
     ASSERT_TRUE(timers.st());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // let it arm for the hour
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // armed for the hour by now, as a rule
     timers.Timer_Start(&soon);
     V fired;
-    for (int i = 0; i < 200 && fired.empty(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        fired = drainDescribed(ctrl);
-    }
+    EXPECT_TRUE(within10s([&] { return !(fired = drainDescribed(ctrl)).empty(); }));
     EXPECT_EQ(fired, kFired31);
     timers.requestStop();
-    for (int i = 0; i < 200 && !timers.ended.load(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    if (!timers.ended.load()) {
-        fprintf(stderr, "the timer loop did not stop\n");
-        abort();
-    }
+    if (!within10s([&] { return timers.ended.load(); }))
+        abort(); // a loop that does not stop cannot be joined
     EXPECT_FALSE(timers.sp());
     EXPECT_TRUE(timers.isActive(30));
 }
