@@ -244,6 +244,12 @@ void StCTrl::CheckContInfo()
     }
 }
 
+void StCTrl::contInfoWritten()
+{
+    if (mContWake && memcmp(&mCont, &mContSnapshot, sizeof mCont) != 0)
+        mContWake();
+}
+
 int StCTrl::SetOutPutStatus(bool on, bool quiet, int slot)
 {
     int k = slot & 3;
@@ -260,6 +266,7 @@ int StCTrl::SetOutPutStatus(bool on, bool quiet, int slot)
         code = on ? LogOutputOnFirst : LogOutputOffFirst;
     }
     mCont.outputStatus[k] = on ? 1 : 0;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
     return code;
 }
@@ -298,6 +305,7 @@ void StCTrl::ShutDownSetSCHStatus(int k, int v)
 {
     mMutex.MEMInfoLock();
     mCont.schStatus[k & 3] = static_cast<uint8_t>(v);
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 int StCTrl::ShutDownGetSCHStatus(int k) { return mCont.schStatus[k & 3]; }
@@ -306,6 +314,7 @@ void StCTrl::ShutDownSetPFStatus(int k, int v)
 {
     mMutex.MEMInfoLock();
     mCont.pfStatus[k & 3] = static_cast<uint8_t>(v);
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 bool StCTrl::ShutDownGetPFStatus(int k) { return mCont.pfStatus[k & 3] == 1 || mCont.pfStatus[k & 3] == 2; }
@@ -314,6 +323,7 @@ void StCTrl::ShutDownSetCommStatus(int k, int v)
 {
     mMutex.MEMInfoLock();
     mCont.commStatus[k & 3] = static_cast<uint8_t>(v);
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 int StCTrl::ShutDownGetCommStatus(int k) { return mCont.commStatus[k & 3]; }
@@ -322,6 +332,7 @@ void StCTrl::ShutDownSetUPSCom(int k, int v)
 {
     mMutex.MEMInfoLock();
     mCont.upsCom[k & 3] = static_cast<uint8_t>(v);
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 
@@ -329,6 +340,7 @@ void StCTrl::SetAPPEndStatus(int k, int v)
 {
     mMutex.MEMInfoLock();
     mCont.appEndStatus[k & 3] = static_cast<uint8_t>(v);
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 
@@ -337,6 +349,7 @@ void StCTrl::CancelAppTime(int k)
     mMutex.MEMInfoLock();
     mCont.appStatus[k & 3] = 0;
     mCont.dummyAppDown[k & 3] = 0;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 
@@ -344,6 +357,7 @@ void StCTrl::StartPFAPPEnd(int k)
 {
     mMutex.MEMInfoLock();
     mCont.pfAppEnd[k & 3] = 1;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 bool StCTrl::GetPFAPPEnd(int k) { return mCont.pfAppEnd[k & 3] != 0; }
@@ -352,6 +366,7 @@ void StCTrl::EndPFAPPEnd(int k)
 {
     mMutex.MEMInfoLock();
     mCont.pfAppEnd[k & 3] = 0;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 
@@ -364,6 +379,7 @@ void StCTrl::SetMemberContCount(int count)
     mMutex.MEMInfoLock();
     mMemberContCount = count;
     mCont.contCount = count;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 
@@ -371,6 +387,7 @@ void StCTrl::SetMemberContActive(int k, bool active)
 {
     mMutex.MEMInfoLock();
     mCont.active[k & 3] = active ? 1 : 0;
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 

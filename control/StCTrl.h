@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -116,6 +117,10 @@ public:
     // ---- status record ----
     void GetContInfo(ShutCNT* out);
     void CheckContInfo();
+    // Called (from the writing thread, under the member-information lock)
+    // when the record comes to differ from what CheckContInfo last saw; set
+    // once at start-up, before the threads run.
+    void setContInfoWake(std::function<void()> wake) { mContWake = std::move(wake); }
     int SetOutPutStatus(bool on, bool quiet, int slot);
     void SetMemCfgPort(int index, unsigned short port);
     void SetUPSCommInfo(const char* text);
@@ -247,6 +252,9 @@ private:
     MutexControl mMutex;
     ShutCNT mCont;
     ShutCNT mContSnapshot;
+    std::function<void()> mContWake;
+    // After a write of mCont (member-information lock held): wakes the status check.
+    void contInfoWritten();
     DG2_ShutdownTimming mTiming;
     bool mTimingChanged;
     int mCheckResult;

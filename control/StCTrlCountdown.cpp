@@ -116,6 +116,7 @@ void StCTrl::countdownEnd(EVENTMSGINFO* ev, int reason, int n, bool powerFailure
         if (setPowerLogEvent(ev, LogWaitingOthers, n))
             post(ev);
     }
+    contInfoWritten();
     mMutex.MEMInfoUnLock();
 }
 

@@ -3,14 +3,22 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <unistd.h>
 
 #include "control/Codes.h"
 #include "control/StCTrl.h"
 #include "core/Clock.h"
+#include "core/TimerFdWait.h"
 
-TimerIFTh::TimerIFTh(int number, StCTrl* ctrl, Clock* clock)
-    : tthread(number), mLast(0), mCtrl(ctrl), mClock(clock ? clock : &Clock::system()), mStop(false)
+namespace {
+// With no timer running the wait is armed this far ahead: a setting of the
+// clock wakes it in any case, the re-arm when it is reached is one wake-up a day.
+const time_t kIdleArm = 86400;
+const int64_t kNsPerSecond = 1000000000;
+} // namespace
+
+TimerIFTh::TimerIFTh(int number, StCTrl* ctrl, Clock* clock, TimerWait* wait)
+    : tthread(number), mLast(0), mLastMono(0), mArmed(0), mCtrl(ctrl), mClock(clock ? clock : &Clock::system()),
+      mStop(false), mContPending(false), mWait(wait)
 {
     for (Slot& s : mSlots) {
         s.active = false;
@@ -18,6 +26,7 @@ TimerIFTh::TimerIFTh(int number, StCTrl* ctrl, Clock* clock)
     }
     mMutex.MutexInit(kListLock);
     mLast = mClock->now();
+    mLastMono = mClock->monotonicNs();
 }
 
 TimerIFTh::~TimerIFTh() {}
@@ -31,6 +40,7 @@ int TimerIFTh::Timer_Start(TimerMng* tm)
     if (!mSlots[id].active) {
         mSlots[id].entry = mTimers.insert(mTimers.end(), *tm);
         mSlots[id].active = true;
+        armIfEarlier(tm->expiry);
     }
     mMutex.unLock(kListLock);
     return id;
@@ -62,6 +72,7 @@ int TimerIFTh::Timer_Reset(int id, int seconds)
     mMutex.Lock(kListLock);
     if (mSlots[id].active) {
         mSlots[id].entry->expiry += seconds;
+        armIfEarlier(mSlots[id].entry->expiry);
         result = id;
     }
     mMutex.unLock(kListLock);
@@ -96,12 +107,19 @@ void TimerIFTh::TimeOut_func()
 {
     mMutex.Lock(kListLock);
     const time_t now = mClock->now();
-    const time_t step = now - mLast;
+    const int64_t mono = mClock->monotonicNs();
+    // The wall clock is expected where the last tick left it plus the whole
+    // seconds that really passed since, so a long sleep is no jump. Seconds
+    // boundaries make it 0 or +1 more; anything else is a setting of the
+    // clock (or a suspend, during which the monotonic clock stands still).
+    const time_t expected = mLast + static_cast<time_t>((mono - mLastMono) / kNsPerSecond);
+    const time_t step = now - expected;
+    mLastMono = mono;
     if (step != 0 && step != 1) {
-        // The clock was set or ticks were missed: every timer keeps the time
-        // it still had to run.
+        // Every timer keeps the time it still had to run.
         if (mTimers.empty()) {
             mLast = now;
+            armEarliest(now);
             mMutex.unLock(kListLock);
             return;
         }
@@ -126,7 +144,30 @@ void TimerIFTh::TimeOut_func()
         it = next;
     }
     mLast = now;
+    armEarliest(now);
     mMutex.unLock(kListLock);
+}
+
+void TimerIFTh::armEarliest(time_t now)
+{
+    TimerWait* wait = mWait.load();
+    if (!wait)
+        return;
+    time_t earliest = now + kIdleArm;
+    for (const TimerMng& t : mTimers)
+        if (t.expiry < earliest)
+            earliest = t.expiry;
+    wait->arm(earliest);
+    mArmed = earliest;
+}
+
+void TimerIFTh::armIfEarlier(time_t expiry)
+{
+    TimerWait* wait = mWait.load();
+    if (!wait || mArmed == 0 || expiry >= mArmed)
+        return;
+    wait->arm(expiry);
+    mArmed = expiry;
 }
 
 bool TimerIFTh::isActive(int id)
@@ -147,12 +188,37 @@ int TimerIFTh::runningTimers()
     return n;
 }
 
-void TimerIFTh::pause() { usleep(300 * 1000); }
+void TimerIFTh::requestStop()
+{
+    mStop.store(true);
+    if (TimerWait* wait = mWait.load())
+        wait->wake();
+}
+
+void TimerIFTh::wakeContInfo()
+{
+    mContPending.store(true);
+    if (TimerWait* wait = mWait.load())
+        wait->wake();
+}
+
+void TimerIFTh::pause()
+{
+    if (mStop.load() || mContPending.load())
+        return;
+    mWait.load()->wait();
+}
 
 void TimerIFTh::thread_main()
 {
+    if (!mWait.load()) {
+        mOwnWait.reset(new TimerFdWait());
+        mWait.store(mOwnWait.get());
+    }
     mMutex.Lock(kListLock);
     mLast = mClock->now();
+    mLastMono = mClock->monotonicNs();
+    armEarliest(mLast);
     mMutex.unLock(kListLock);
 
     for (int i = 0; i < 2; ++i) {
@@ -160,9 +226,11 @@ void TimerIFTh::thread_main()
         TimeOut_func();
     }
     // The status check runs before two of every three ticks and is skipped
-    // before the third.
+    // before the third. A change of the member-information record makes the
+    // ticks up to the next check run without sleeping.
     uint8_t c = 1;
     while (!mStop.load()) {
+        mContPending.store(false);
         mCtrl->CheckContInfo();
         do {
             c = static_cast<uint8_t>(c + 1);

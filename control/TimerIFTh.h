@@ -1,11 +1,15 @@
-// TimerIFTh: the timer list and its 300 ms tick (thread number 1). Holds at
-// most one running timer per id (0..331) in starting order, shifts all of
-// them when the wall clock jumps, and reports each expiry to the controller
-// as notification 1000 (id, seconds late, owner).
+// TimerIFTh: the timer list and its tick (thread number 1). Holds at most one
+// running timer per id (0..331) in starting order, shifts all of them when
+// the wall clock jumps, and reports each expiry to the controller as
+// notification 1000 (id, seconds late, owner). The thread sleeps until the
+// earliest expiry, a setting of the clock, or a change of the controller's
+// member-information record.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <list>
+#include <memory>
 
 #include "control/Records.h"
 #include "core/MutexControl.h"
@@ -13,15 +17,18 @@
 
 class Clock;
 class StCTrl;
+class TimerFdWait;
+class TimerWait;
 
 class TimerIFTh : public tthread {
 public:
     // Number of timer ids: 0..331.
     static const int kIds = 332;
 
-    // ctrl: the controller expiries are reported to. clock: the wall clock
-    // the ticks read (null = the system clock).
-    TimerIFTh(int number, StCTrl* ctrl, Clock* clock = nullptr);
+    // ctrl: the controller expiries are reported to. clock: the clocks the
+    // ticks read (null = the system clock). wait: what the thread sleeps on
+    // (null = a TimerFdWait made when the thread starts).
+    TimerIFTh(int number, StCTrl* ctrl, Clock* clock = nullptr, TimerWait* wait = nullptr);
     ~TimerIFTh() override;
 
     TimerIFTh(const TimerIFTh&) = delete;
@@ -51,14 +58,15 @@ public:
     bool isActive(int id);
     // Number of running timers.
     int runningTimers();
-    // Ends thread_main after its current tick (for tests; the daemon's tick
-    // loop runs until the process ends).
-    void requestStop() { mStop.store(true); }
+    // Ends thread_main after its current ticks (for tests; the daemon's tick
+    // loop runs until the process ends). Wakes the wait.
+    void requestStop();
+    // The controller's member-information record was written: tick without
+    // sleeping until the status check has run. Safe from any thread.
+    void wakeContInfo();
 
 protected:
     void thread_main() override;
-    // The wait between two ticks (300 ms).
-    virtual void pause();
 
 private:
     struct Slot {
@@ -67,14 +75,28 @@ private:
     };
 
     static bool validId(int id) { return id >= 0 && id < kIds; }
+    // The wait before a tick: none while a stop or a status check is pending.
+    void pause();
+    // Arms the wait at the earliest expiry (with no timer, a day ahead, so
+    // that a setting of the clock is still seen). List lock held.
+    void armEarliest(time_t now);
+    // Re-arms the wait when `expiry` comes before the armed second. List lock held.
+    void armIfEarlier(time_t expiry);
 
     static const int kListLock = 3;
 
+    // The previous tick: its wall-clock second and monotonic reading. A tick
+    // expects the wall clock to have moved by the monotonic time in between.
     time_t mLast;
+    int64_t mLastMono;
+    time_t mArmed; // the second the wait is armed at (0: not armed yet)
     Slot mSlots[kIds];
     std::list<TimerMng> mTimers;
     MutexControl mMutex;
     StCTrl* mCtrl;
     Clock* mClock;
     std::atomic<bool> mStop;
+    std::atomic<bool> mContPending;
+    std::atomic<TimerWait*> mWait;
+    std::unique_ptr<TimerFdWait> mOwnWait;
 };

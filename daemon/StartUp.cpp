@@ -305,6 +305,9 @@ void StartUp::lockDevice()
 // Workers, in their fixed order; then the controller core starts deciding.
 void StartUp::startWorkers()
 {
+    // Where the status check reports, a change of the member record wakes it.
+    if (gpMapConfig->getConf("UPSController") != "1")
+        gCStCtrl.setContInfoWake([] { gCTimerIfThread.wakeContInfo(); });
     start(gCTimerThread);
     start(gCTimerIfThread);
     if (!gMember) {
