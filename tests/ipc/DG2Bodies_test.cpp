@@ -17,10 +17,8 @@ std::string wireBody(const DG2Builder& b) { return b.wire().substr(DG2::kHeaderS
 DG2MessageType received(const DG2Builder& b)
 {
     DG2MessageType m{};
-    std::string w = b.wire();
-    memcpy(&m, w.data(), w.size());
-    ByteOrderChg(&m);
-    return m;
+    const std::string w = b.wire();
+    return memcpy(&m, w.data(), w.size()), ByteOrderChg(&m), m;
 }
 
 DG2Settings settings()
@@ -63,8 +61,7 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
         EXPECT_FALSE(DG2UnpackSettings(m, &back)) << s.first << " " << s.second;
     }
     DG2MessageType m = received(b);
-    m.bodyLen = 496;
-    EXPECT_FALSE(DG2UnpackSettings(m, &back));
+    EXPECT_FALSE((m.bodyLen = 496, DG2UnpackSettings(m, &back)));
 }
 
 TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
@@ -122,11 +119,8 @@ TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
 TEST(DG2BodiesTest, PowerReportFromTheUpsDataOfOneIndex)
 {
     UpsDataBlock ups;
-    std::string map(40, '\0');  // longer than the body's map: cut to 32 bytes
-    map[0] = 0x01;              // alarm 0
-    map[7] = 0x01;              // alarm 56, battery
-    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(map.data()), 40, 2);
-    const unsigned char states[] = {0, 1};
+    unsigned char map[40] = {0x01, 0, 0, 0, 0, 0, 0, 0x01}, states[] = {0, 1}; // alarms 0 and 56 (battery)
+    ups.setAlarmNo(map, 40, 2); // longer than the body's map: cut to 32 bytes
     ups.setActionLevel(states, 2, 2);
     ups.checkAlarm(2);
     int32_t meters[256] = {};
@@ -154,6 +148,7 @@ TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
 
     DG2Builder end(DG2::MsgAppEnd);
     end.pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 3, std::string(40, 'n')}); });
+    EXPECT_EQ(std::string("\x01\0\x03\0\0\0", 6) + std::string(32, 'n') + std::string(2, '\0'), wireBody(end));
     DG2AppEnd e;
     ASSERT_TRUE(DG2UnpackAppEnd(received(end), &e));
     EXPECT_EQ(std::string(32, 'n') + " 1 3", e.senderName + " " + std::to_string(e.value1) + " " + std::to_string(e.value2))
