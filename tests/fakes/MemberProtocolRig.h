@@ -19,11 +19,6 @@ public:
         "AppTermTimeOut1=10\nShutdownDelay1=10\nAppTermCommand1=\nAcceptControllerCommand=0\n"
         "AcceptControllerTiming=1\n";
 
-    static std::string with(std::string text, const std::string& from, const std::string& to)
-    {
-        return text.replace(text.find(from), from.size(), to);
-    }
-
     // `controller`: the followed controller's entry in the controller list.
     explicit MemberProtocolRig(const std::string& ini = kIni, const std::string& controller = "127.0.0.1",
                                std::function<void(int)> resolve = {}, bool startNow = true)

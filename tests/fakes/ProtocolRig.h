@@ -36,6 +36,12 @@ public:
         upsPtr = (ups = std::make_unique<UpsDataBlock>(&clock)).get();
     }
 
+    // `text` with its first `from` replaced by `to` (a configuration variant).
+    static std::string with(std::string text, const std::string& from, const std::string& to)
+    {
+        return text.replace(text.find(from), from.size(), to);
+    }
+
     void start() { proto->Start(), events(); }
     void event(int code, const std::vector<int>& params = {})
     {

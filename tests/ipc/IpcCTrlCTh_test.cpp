@@ -54,8 +54,8 @@ DG2MessageType withAddress(uint8_t msg, const char* src, const char* dst, uint16
 TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
 {
     Rig r;
-    r.receive(Rig::registration("127.0.0.5", 3069), "127.0.0.5", 3069);
-    std::vector<IPC_DATA_REC> out = r.transmit();
+    auto from5 = [&r](const DG2MessageType& m) { return r.receive(m, "127.0.0.5", 3069), r.transmit(); };
+    std::vector<IPC_DATA_REC> out = from5(Rig::registration("127.0.0.5", 3069));
     ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(DG2Describe(out[0].msg), req(35, "127.0.0.5", 70, 0));
     DG2Address echoed;
@@ -68,35 +68,29 @@ TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
     EXPECT_EQ(s.hostName + "|" + s.groupName + "|" + s.runCommand, "127.0.0.1|rack-3|/bin/true");
     EXPECT_EQ(Ints({s.port, s.shutdownDelay, s.countdownTime, s.winkTime, s.appEndTime}), Ints({3052, 120, 5, 30, 60}));
 
-    r.receive(Rig::settingsAnswer("127.0.0.5", "memb-host"), "127.0.0.5", 3069);
-    out = r.transmit();
-    ASSERT_EQ(out.size(), 1u);
+    out = from5(Rig::settingsAnswer("127.0.0.5", "memb-host"));
     DG2_ShutdownTimming t;
-    ASSERT_TRUE(DG2UnpackShutdownTiming(out[0].msg, &t));
+    ASSERT_TRUE(out.size() == 1 && DG2UnpackShutdownTiming(out[0].msg, &t));
     EXPECT_EQ(Ints({t.winkTime, t.shutdownTime, t.appTermTimeOut, t.shutdownDelay}), Ints({30, 5, 60, 120}));
 
-    r.receive(Rig::answer(181, "127.0.0.5"), "127.0.0.5", 3069);
-    out = r.transmit();
+    out = from5(Rig::answer(181, "127.0.0.5"));
     std::string code;
     ASSERT_TRUE(out.size() == 1 && DG2UnpackAccessCode(out[0].msg, &code));
     EXPECT_EQ(code, "8000");
 
     r.clock.advance(7);
-    r.receive(Rig::answer(140, "127.0.0.5"), "127.0.0.5", 3069);
-    out = r.transmit();
+    out = from5(Rig::answer(140, "127.0.0.5"));
     DG2PowerReportBody p;
     ASSERT_TRUE(out.size() == 1 && DG2UnpackPowerReport(out[0].msg, &p));
-    EXPECT_EQ(out[0].ret.limit, 0);
-    EXPECT_EQ(Ints({p.restarted, p.reportTime}), Ints({1, int32_t(r.clock.now())})) << "first report after start";
-
-    r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
-    EXPECT_TRUE(r.sent().empty());
+    EXPECT_EQ(Ints({out[0].ret.limit, p.restarted, p.reportTime}), Ints({0, 1, int32_t(r.clock.now())}))
+        << "the first report after start, never repeated";
+    EXPECT_TRUE(from5(Rig::answer(141, "127.0.0.5")).empty());
     EXPECT_EQ(Ints({r.member("127.0.0.5").status, r.commErrTimerLeft(r.slotOf("127.0.0.5"))}), Ints({MembActive, 90}));
     EXPECT_TRUE(r.replyTimers().empty()) << "every answer ended the time-out that waited for it";
     // Its answer to a power report sent to all members ends that report's time-out.
     r.event(EvSendUpsStatus);
     r.transmit();
-    r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
+    from5(Rig::answer(141, "127.0.0.5"));
     EXPECT_TRUE(r.replyTimers().empty());
 }
 
@@ -105,10 +99,8 @@ TEST(IpcCTrlCThIdentity, AGivenIdIsKeptAndNumbersWrapPastThoseInUse)
     {
         Rig r;
         r.receive(withAddress(DG2::MsgRegister, " ABCD", " WXYZ", 19, {"", "127.0.0.7", 3069}), "127.0.0.7", 3069);
-        std::vector<IPC_DATA_REC> out = r.transmit();
-        ASSERT_EQ(out.size(), 2u);
-        EXPECT_EQ(DG2Describe(out[0].msg), req(35, " ABCD", 70, 0, " WXYZ")) << "reply to the destination text";
-        EXPECT_EQ(DG2Describe(out[1].msg), req(0, " ABCD", 497));
+        EXPECT_EQ(r.sent(), (std::vector<std::string>{req(35, " ABCD", 70, 0, " WXYZ"), req(0, " ABCD", 497)}))
+            << "the reply comes from the destination text";
         // A member presenting the ID it was given keeps it: no new number.
         EXPECT_EQ(runExchange(r, withAddress(DG2::MsgRegister, " ABCD", " WXYZ", 19, {" ABCD0001", "127.0.0.7", 3069}),
                               "127.0.0.7", " ABCD"),
@@ -116,9 +108,8 @@ TEST(IpcCTrlCThIdentity, AGivenIdIsKeptAndNumbersWrapPastThoseInUse)
         EXPECT_EQ(r.member(" ABCD0001").status, MembActive);
         EXPECT_EQ(FileMap(r.dir.file("Kestrava.ini")).getConf("MemberIDData"), "1") << "saved";
     }
-    std::string ini = Rig::defaultIni();
-    ini.replace(ini.find("MemberIDData=0"), 14, "MemberIDData=65535");
-    Rig r(ini, " ABCD0001\nm1\n127.0.0.21\n3069\n ABCD0002\nm2\n127.0.0.22\n3069\n");
+    Rig r(Rig::with(Rig::defaultIni(), "MemberIDData=0", "MemberIDData=65535"),
+          " ABCD0001\nm1\n127.0.0.21\n3069\n ABCD0002\nm2\n127.0.0.22\n3069\n");
     EXPECT_EQ(r.th->GetMember_ID(), " ABCD0003");
     EXPECT_EQ(r.config->getConf("MemberIDData"), "3");
 }
@@ -141,8 +132,8 @@ TEST(IpcCTrlCThRepeat, UnansweredRequestsAreRepeatedUpToTheirLimit)
     r.event(EvSendUpsStatus);
     std::vector<IPC_DATA_REC> out = r.transmit();
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(DG2Describe(out[0].msg) + " " + std::to_string(out[0].mode),
-              req(141, "", 1328) + " " + std::to_string(IPC_DST_ALL));
+    EXPECT_EQ(DG2Describe(out[0].msg), req(141, "", 1328));
+    EXPECT_EQ(out[0].mode, IPC_DST_ALL);
     r.expire(r.replyTimers().at(0));
     EXPECT_TRUE(r.sent().empty());
     r.event(EvConfigChanged);

@@ -121,9 +121,8 @@ TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgets
     // Named by its address, or by an identity text the member does not know
     // (then the reply is matched by where it came from).
     for (const char* name : {"127.0.0.1", "*ABCD"}) {
-        std::string ini = ControllerProtocolRig::defaultIni();
-        ini.replace(ini.find("IPAddress=127.0.0.1"), 19, std::string("IPAddress=") + name);
-        ControllerProtocolRig rig(ini);
+        ControllerProtocolRig rig(ControllerProtocolRig::with(ControllerProtocolRig::defaultIni(), "IPAddress=127.0.0.1",
+                                                              std::string("IPAddress=") + name));
         rig.receive(ControllerProtocolRig::registration(kOwn, 3069), kOwn, 3069);
         rig.transmit();
         ASSERT_NE(rig.slotOf(kOwn), 0);
