@@ -29,15 +29,10 @@ struct Rig {
     explicit Rig(FileSystem* fs = nullptr) : table(core, dir.path(), dir.path(), fs) {}
     std::string membInfo() const { return dir.read("MembInfo.dat"); }
     std::string status() const { return dir.read("membCommInfo.tmp"); }
-    DUP_MEMB_INFO member(int slot)
+    DUP_MEMB_INFO member(int slot) { DUP_MEMB_INFO m; return table.GetMembInfo(slot, &m), m; }
+    int add(const std::string& id, const std::string& addr, int port)
     {
-        DUP_MEMB_INFO m;
-        table.GetMembInfo(slot, &m);
-        return m;
-    }
-    int add(const std::string& id, const std::string& address, int port)
-    {
-        return table.InitMember(address, port, id, false, ThCtrlSlot0, SqNew, nullptr);
+        return table.InitMember(addr, port, id, false, ThCtrlSlot0, SqNew, nullptr);
     }
 };
 
@@ -53,8 +48,7 @@ IPC_DATA_REC received(int msgNo, const std::string& peer)
 {
     IPC_DATA_REC rec{};
     rec.msg.msgNo = static_cast<uint8_t>(msgNo);
-    std::strncpy(rec.name, peer.c_str(), sizeof rec.name - 1);
-    return rec;
+    return std::strncpy(rec.name, peer.c_str(), sizeof rec.name - 1), rec;
 }
 
 IPC_DATA_RET timerBlock(const std::string& peer, int awaited, int handle = 0, int value = 0)
@@ -80,10 +74,8 @@ TEST(IpcDataMembers, LoadedMembersFillSlotsInFileOrderAndFreedSlotsAreReusedLowe
                                             "\nafter\nthe\nend\n"));
     EXPECT_EQ(r.table.LoadMembInfo(), 3);
     EXPECT_EQ((V{text(r.member(1).memberId), text(r.member(2).memberId), text(r.member(3).memberId),
-                 text(r.member(3).address)}),
-              (V{"zeta", "alpha", "@ctl", "10.0.0.2"}));
-    EXPECT_EQ(text(r.member(2).name, kMembNameSize), longName.substr(0, 50));
-    EXPECT_EQ(r.member(4).memberId[0], 0);
+                 text(r.member(3).address), text(r.member(4).memberId), text(r.member(2).name, kMembNameSize)}),
+              (V{"zeta", "alpha", "@ctl", "10.0.0.2", "", longName.substr(0, 50)}));
 
     // A known ID is updated in place (0); new ones take the lowest free slot.
     char extra[] = "x";
@@ -97,9 +89,9 @@ TEST(IpcDataMembers, LoadedMembersFillSlotsInFileOrderAndFreedSlotsAreReusedLowe
     EXPECT_EQ((Ints{r.table.DeleteMember("m20", 0), r.table.DeleteMember("m7", 0), r.table.DeleteMember("m7", 0)}),
               (Ints{20, 7, 0}));
     EXPECT_EQ((Ints{r.add("new-a", "10.3.0.1", 6001), r.add("new-b", "10.3.0.2", 6002)}), (Ints{7, 20}));
-    DUP_MEMB_INFO m;
 
     // Active members come out in member-ID order, whatever their slots.
+    DUP_MEMB_INFO m;
     for (const char* id : {"m30", "alpha", "new-a"}) {
         MemberFiles::setField(m.memberId, sizeof m.memberId, id);
         ASSERT_GT(r.table.SetMembStatus(&m, MembActive, false), 0) << id;
@@ -135,12 +127,9 @@ TEST(IpcDataFiles, StatusFileIsRewrittenByteExactOnlyForKnownMembers)
     std::strcpy(nobody.memberId, "nobody");
     EXPECT_EQ(r.table.SetMembStatus(&nobody, MembActive, false), 0);
     EXPECT_FALSE(std::filesystem::exists(r.dir.file("membCommInfo.tmp")));
-
-    DUP_MEMB_INFO m = r.member(3);
-    EXPECT_EQ(r.table.SetMembNameString(&m, "gamma"), 3);
-    m = r.member(2);
-    EXPECT_EQ(r.table.SetMembNameString(&m, "beta"), 2);
-    EXPECT_EQ(r.table.SetMembStatus(&m, MembActive, false), 2);
+    DUP_MEMB_INFO m3 = r.member(3), m = r.member(2);
+    EXPECT_EQ((Ints{r.table.SetMembNameString(&m3, "gamma"), r.table.SetMembNameString(&m, "beta"),
+                    r.table.SetMembStatus(&m, MembActive, false)}), (Ints{3, 2, 2}));
     const std::string third = " 3 Name = gamma" + std::string(45, ' ') + "Status = No Entry\n"
                               "   IP = *10.1.2.3         Port = 5000\n";
     EXPECT_EQ(r.status(), " 2 Name = beta" + std::string(46, ' ') + "Status = Active\n"
@@ -172,10 +161,9 @@ TEST(IpcDataFiles, MemberFileRoundTripsInIdOrderAndAFailedSaveKeepsTheOldFile)
 
     Rig again;
     ASSERT_TRUE(again.dir.write("MembInfo.dat", saved));
-    EXPECT_EQ(again.table.LoadMembInfo(), 4);
-    EXPECT_EQ(text(again.member(3).name, kMembNameSize), "host ten");
     IpcData noPath(again.core, "", again.dir.path()); // no "Path": the home directory, never "/"
-    EXPECT_EQ(noPath.LoadMembInfo(), 4);
+    EXPECT_EQ((Ints{again.table.LoadMembInfo(), noPath.LoadMembInfo()}), (Ints{4, 4}));
+    EXPECT_EQ(text(again.member(3).name, kMembNameSize), "host ten");
 
     EXPECT_EQ(r.table.DeleteMember("@ctl", 0), 2);
     for (const char* call : {"open", "write", "fsync", "rename"}) {
@@ -228,13 +216,10 @@ TEST(IpcDataTimers, CancelStopsTheMatchingTimerOnlyThroughTheControllerCore)
     EXPECT_EQ(r.table.GetTimerInfo(99, &found).awaited, 0);
     EXPECT_EQ(r.table.timersPending(), 5u) << "looking up an unknown id stores nothing";
 
-    IPC_DATA_REC rec = received(35, "10.0.0.6");
-    EXPECT_EQ(r.table.CancelTM(&rec, 0), 1);
+    IPC_DATA_REC rec = received(35, "10.0.0.6"), none = received(141, "10.0.0.5"); // nothing waits for 141
+    EXPECT_EQ((Ints{r.table.CancelTM(&rec, 0), r.table.CancelTM(&rec, 0), r.table.CancelTM(&none, 0)}),
+              (Ints{1, 0, 0})) << "only one entry matched";
     EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStop(102):77"});
-    EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "only one entry matched";
-    rec = received(141, "10.0.0.5");
-    EXPECT_EQ(r.table.CancelTM(&rec, 0), 0) << "nothing waits for 141";
-    EXPECT_EQ(r.core.queuedEvents(), 0u);
 
     rec = received(230, "10.9.9.9"); // the "@" form, picked by its value
     EXPECT_EQ(r.table.CancelTM(&rec, 8), 1);
