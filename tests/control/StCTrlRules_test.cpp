@@ -84,17 +84,6 @@ TEST_F(Rules, RestorationInsideTheWinkStopsIt)
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
 }
 
-TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
-{
-    member(2);
-    // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the first report still given,
-    // the next tick where that minute ends.
-    EXPECT_EQ(report(9, 4, 3, 100, {14, 357, 316}),
-              (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "5:EvLog(500):9,0,2",
-                 "5:EvPowerFailReport(300):2,9", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
-    EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
-}
-
 TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
 {
     controller();
@@ -229,12 +218,17 @@ TEST_F(Redundant, AControllerWithItsOutputOffFeedsNothing)
     EXPECT_TRUE(ctrl.ISStartShutdown(0, 1));
 }
 
-TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnceAndLaterReportsAreSuppressed)
+TEST_F(Rules, MemberFailuresWithElapsedTimeInsideAndBeyondTheCountdownAndLaterReportsSuppressed)
 {
     member(2);
     ctrl.SetOutPutStatus(true, true, 1);
     ctrl.SetOutPutStatus(true, true, 0), ctrl.ShutDownSetPFStatus(0, 1);
-    report(9, 4, 3, 30); // slot 1 counts down
+    // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the first report still given,
+    // the next tick where that minute ends.
+    EXPECT_EQ(report(9, 4, 3, 100, {14, 357, 316}),
+              (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "5:EvLog(500):9,0,2",
+                 "5:EvPowerFailReport(300):2,9", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
+    EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
     // Slot 0: 30 s wink + 3 minutes gone, it takes the host down.
     EXPECT_EQ(report(8, 4, 3, 210, {14, 357}),
               (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
