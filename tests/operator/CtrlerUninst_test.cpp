@@ -1,5 +1,5 @@
-// The uninstall exchange on the in-memory network in virtual time (each pause
-// lets the controllers answer), against our controller and scripted ones.
+// The uninstall exchange on the in-memory network in virtual time (each pause lets the controllers
+// answer), against our controller and scripted ones.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -84,7 +84,6 @@ struct Exchange {
                 out.push_back(d.bytes);
         return out;
     }
-    Ints resultList(size_t n) const { return Ints(results, results + n); }
 };
 
 // Answers 129 and 130 with the given results under the name 127.0.0.1.
@@ -117,8 +116,8 @@ Bytes expectedRequest(uint8_t msg)
 
 TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgetsTheMember)
 {
-    // Named by its address, or by an identity text the member does not know
-    // (then the reply is matched by where it came from).
+    // Named by its address, or by an identity text the member does not know (then the reply is matched
+    // by where it came from).
     for (const char* name : {"127.0.0.1", "*ABCD"}) {
         ControllerProtocolRig rig(ControllerProtocolRig::with(ControllerProtocolRig::defaultIni(), "IPAddress=127.0.0.1",
                                                               std::string("IPAddress=") + name));
@@ -172,8 +171,8 @@ TEST(CtrlerUninst, ControllersSharingAnAddressTextEachTakeOnlyTheirOwnReply)
 
 TEST(CtrlerUninst, JunkAndStrangersAreIgnoredAndNoSocketMeansEveryResultFails)
 {
-    // Around a silent controller: a header cut short, a wrong magic, a
-    // member's datagram and a reply under another name from elsewhere.
+    // Around a silent controller: a header cut short, a wrong magic, a member's datagram and a reply
+    // under another name from elsewhere.
     Exchange x;
     x.add("127.0.0.1", 3052, nullptr);
     UdpSocket& stranger = *x.add("127.0.0.9", 3052, nullptr).socket;
@@ -197,7 +196,7 @@ TEST(CtrlerUninst, JunkAndStrangersAreIgnoredAndNoSocketMeansEveryResultFails)
     testing::internal::CaptureStderr();
     EXPECT_EQ(z.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 1);
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(z.resultList(4), Ints({1, 1, 9, 9}));
+    EXPECT_EQ(Ints(z.results, z.results + 4), Ints({1, 1, 9, 9}));
     EXPECT_TRUE(z.net.sent().empty() && z.pauses == 0);
     holder.close();
     EXPECT_EQ(z.run({{"", 3052}}), 0);
