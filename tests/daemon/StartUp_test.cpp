@@ -109,8 +109,7 @@ TEST(StartUpStop, FatalStopRemovesOwnLockAndPidFileAndReportsTheReason)
 {
     TempDir tmp("kestrava-stop-");
     const std::string lock = tmp.file("LCK..ttyKs0"), pid = tmp.file("Kestrava.pid");
-    writeFile(lock, textPid(getpid()));
-    writeFile(pid, textPid(getpid()));
+    writeFile(lock, textPid(getpid())), writeFile(pid, textPid(getpid()));
     testing::internal::CaptureStderr();
     EXPECT_EQ(StartUp::stopInOrder(1, "console port lost", lock, pid), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "kestrava: stopping with status 1: console port lost\n");

@@ -63,8 +63,7 @@ TEST_F(ControllerFilesTest, ControllerInfRowsAndNamesBySlotStateAndDisplayType)
           "IPAddress4=ctrl-four\n");
     FileMap list(dir + "Membercnt.cfg");
     ShutCNT info{};
-    info.startShutdown = 1;
-    // 1: heard, power failed, output on, a command: its time is marked.
+    info.startShutdown = 1; // 1: heard, power failed, output on, a command: its time is marked.
     info.active[0] = 1, info.commStatus[0] = 1, info.pfStatus[0] = 1, info.outputStatus[0] = 1;
     info.commStatus[1] = 1; // 2: not in use: no row, no name, though it has a thread
     // 3: lost on low battery; a timing above 9999 drops the mark.
@@ -81,10 +80,8 @@ TEST_F(ControllerFilesTest, ControllerInfRowsAndNamesBySlotStateAndDisplayType)
               " 4 NotActive -    -       0     0      0       0\n\nUPSController Name\n  No.1 10.213.0.1\n"
               "  No.3 Office?[2J\n  No.4 ctrl-four\n");
 
-    // Rewritten whole, no temporary file left; a slot without a thread
-    // keeps its row but has no name.
-    info.startShutdown = 0;
-    info.active[2] = info.active[3] = 0;
+    // Rewritten whole, no temporary file left; a slot without a thread keeps its row but has no name.
+    info.startShutdown = info.active[2] = info.active[3] = 0;
     CMCF::WriteControllerInf(&info, dir.c_str(), &config, &list, [](int k) { return k == 0 ? -1 : 0; });
     EXPECT_EQ(readFile(dir + "CONTROLLER/Controller.inf"), "SHUTDOWN MODE : FEEDING\n" + head + "\nUPSController Name\n");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir + "CONTROLLER"), fs::directory_iterator()), 1);
@@ -95,9 +92,8 @@ TEST_F(ControllerFilesTest, ShutdownLogLinesAndAMissingDirectorySaidOnce)
     DG2_ShutdownTimming t = {60, 5, 120, 180, "stop", 1};
     CMCF::WriteShutdownLog(1, "10.213.0.1", 1, &t, dir.c_str());
     t.marker = 0;
-    CMCF::WriteShutdownLog(0, "bad\nname", 0, &t, dir.c_str());
-    CMCF::WriteShutdownLog(1, "c", 6, &t, dir.c_str());
-    CMCF::WriteShutdownLog(1, "c", 5, &t, dir.c_str());
+    for (int reason : {0, 6, 5}) // unknown reasons, then the timer's
+        CMCF::WriteShutdownLog(reason != 0, reason ? "c" : "bad\nname", reason, &t, dir.c_str());
     EXPECT_EQ(readFile(dir + "SHUTDOWN/202611_sh.log"),
               s + "Shutdown 10.213.0.1 Power Failure 60, 5, 120*, 180\n" + s + "Feeding bad?name Unknown 60, 5, 120, 180\n" +
                   s + "Shutdown c Unknown 60, 5, 120, 180\n" + s +
