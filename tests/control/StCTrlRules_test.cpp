@@ -1,5 +1,5 @@
-// Notification rules of the controller core, driven with notifications on a
-// manual clock; the tests compare the exact events it queues.
+// Notification rules of the controller core, driven with notifications on a manual clock; the tests
+// compare the exact events it queues.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -40,11 +40,9 @@ protected:
         _NOTIFYMSGINFO nt{code, 0, {}};
         for (int p : params)
             nt.params[nt.count++] = p;
-        ctrl.SetNotify(&nt);
-        return events();
+        return ctrl.SetNotify(&nt), events();
     }
-    // A power report for the owner's slot: condition, utility, elapsed
-    // seconds, then the changed alarm codes.
+    // A power report for the owner's slot: condition, utility, elapsed seconds, the changed alarm codes.
     V report(int owner, int cond, int utility, int elapsed, std::vector<int> codes = {})
     {
         codes.insert(codes.begin(), {cond, utility, elapsed, 0});
@@ -77,24 +75,13 @@ TEST_F(Rules, RestorationInsideTheWinkStopsIt)
     controller();
     EXPECT_EQ(rules(report(8, 4, 3, 0, {14, 357, 316, 14})),
               (V{"5:EvLog(500):8,1002,1000,316", "0:EvTimerStart(100):3," + at(30) + ",0,8"}));
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseWink);
     EXPECT_EQ(rules(report(8, 4, 3, 0)), V{}) << "further reports while winking start nothing";
+    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseWink);
 
     // Restored during the wink: logged with the wink translations, the wink stops.
     clock.advance(10);
     EXPECT_EQ(rules(report(8, 4, 2, 0, {15, 657, 17})), (V{"5:EvLog(500):8,1003,1001,17", "0:EvTimerStop(102):3,8"}));
     EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseNormal);
-}
-
-TEST_F(Rules, MemberFailureWithElapsedTimeInsideTheCountdown)
-{
-    member(2);
-    // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the
-    // first report still given, the next tick where that minute ends.
-    EXPECT_EQ(report(9, 4, 3, 100, {14, 357, 316}),
-              (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "5:EvLog(500):9,0,2",
-                 "5:EvPowerFailReport(300):2,9", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
-    EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
 }
 
 TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
@@ -113,17 +100,14 @@ TEST_F(Rules, CountdownOfThreeMinutesEndsAfterThreeTicksAndShutsDown)
     EXPECT_EQ(expire(TmCountdown, 8), (V{"0:EvTimerStop(102):7,8", "5:EvLog(500):8,3", "5:EvMeterLog(501):5",
                                          "2:EvUpsPowerOff(202):", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8",
                                          appEndTimer()}));
-    EXPECT_EQ(ctrl.power(0).reason, 1);
-
     // A late tick changes nothing; power back now only marks the end pending.
     EXPECT_EQ(rules(expire(TmCountdown, 8)), V{});
     EXPECT_EQ(rules(report(8, 4, 2, 0)), V{});
-    EXPECT_EQ(ctrl.power(0).phase, StCTrl::PhaseAppEnd);
+    EXPECT_EQ(std::vector<int>({ctrl.power(0).reason, ctrl.power(0).phase}), std::vector<int>({1, StCTrl::PhaseAppEnd}));
     // The termination command was launched; its time is up: shut down.
     EXPECT_EQ(notify(NtAppCommandDone, {}), V{});
     ShutCNT info;
-    ctrl.GetContInfo(&info);
-    EXPECT_EQ(info.appEndStatus[0], 1);
+    EXPECT_EQ((ctrl.GetContInfo(&info), info.appEndStatus[0]), 1);
     clock.advance(20);
     EXPECT_EQ(expire(TmAppEnd, 8),
               (V{"0:EvTimerStop(102):17", "5:EvLog(500):8,208", "0:EvTimerStop(102):11", "4:EvHostShutdown(303):"}));
@@ -159,7 +143,6 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     EXPECT_EQ(notify(NtSchedule, {5, 0, 8}),
               (V{"5:EvLog(500):8,204,5", "5:EvScheduleReport(304):5,8", "0:EvTimerStart(100):21," + at(60) + ",0,8"}));
     EXPECT_EQ(ctrl.ShutDownGetSCHStatus(0), 1);
-
     // The timer's expiry goes through the power thread and back one lower.
     clock.advance(60);
     EXPECT_EQ(expire(TmScheduleA, 8), V{"4:EvScheduleRelay(306):5,21,8"});
@@ -173,7 +156,6 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     EXPECT_EQ(notify(NtSchedule, {-1, 0, 8}),
               (V{"5:EvLog(500):8,206", "5:EvScheduleCancelReport(305):8", "0:EvTimerStop(102):21"}));
     EXPECT_EQ(ctrl.ShutDownGetSCHStatus(0), 0);
-
     // Zero: the countdown ends with reason 2 and the schedule is over.
     notify(NtSchedule, {1, 0, 8});
     EXPECT_EQ(notify(NtSchedule, {0, 0, 8}),
@@ -182,41 +164,35 @@ TEST_F(Rules, ScheduledShutdownCountsDownByTimerRelays)
     EXPECT_EQ(notify(NtSchedule, {5, 0, 8}), V{});
 }
 
-// A member fed by several controllers shuts down only when no other
-// followed controller still feeds it, judged from what each last reported.
+// A member fed by several controllers shuts down only when no other followed controller still feeds
+// it, judged from what each last reported.
 class Redundant : public Rules {
 protected:
-    // Slots 0 and 1 reported utility power and output on; slot 2 is
-    // followed but its controller never reported.
+    // Slots 0 and 1 reported utility power and output on; slot 2 is followed but never reported.
     void SetUp() override
     {
         member(3);
-        for (int k = 0; k < 2; ++k) {
-            report(8 + k, 4, 2, 0);
-            ctrl.SetOutPutStatus(true, true, k);
-        }
+        for (int k = 0; k < 2; ++k)
+            report(8 + k, 4, 2, 0), ctrl.SetOutPutStatus(true, true, k);
         events();
     }
-    // What the member side does with a power report of slot k saying
-    // utility lost: the rules first, then the slot's power status.
+    // What the member side does with a report of slot k saying utility lost: the rules, then the status.
     V fails(int k, int elapsed)
     {
         V out = report(8 + k, 4, 3, elapsed);
-        ctrl.ShutDownSetPFStatus(k, 1);
-        return out;
+        return ctrl.ShutDownSetPFStatus(k, 1), out;
     }
 };
 
 TEST_F(Redundant, FirstFailureWaitsAndTheSecondTakesTheHostDownWithItsOwnTiming)
 {
     timing(2, 10, 1);
-    // Slot 0 fails beyond its wink and countdown: slot 1 still feeds the
-    // host, so slot 0 waits for its application end plus delay.
+    // Slot 0 fails beyond its wink and countdown: slot 1 still feeds the host, so slot 0 waits for its
+    // application end plus delay.
     EXPECT_EQ(fails(0, 210), (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8",
                                 "0:EvTimerStart(100):12," + at(140) + ",0,8", "5:EvLog(500):8,217"}));
     EXPECT_EQ(ctrl.GetAppStatus(0), 1);
-    // Slot 1 fails: its own wink (10 s) and countdown (1 minute) run, then
-    // it is the last supply and takes the host down.
+    // Slot 1 fails: its own wink (10 s) and countdown (1 minute) run; the last supply takes the host down.
     EXPECT_EQ(fails(1, 0), V{"0:EvTimerStart(100):4," + at(10) + ",0,9"});
     clock.advance(10);
     expire(TmWink + 1, 9);
@@ -238,23 +214,26 @@ TEST_F(Redundant, TheOtherOrderDecidesAlike)
 
 TEST_F(Redundant, AControllerWithItsOutputOffFeedsNothing)
 {
-    ctrl.SetOutPutStatus(false, true, 1);
-    ctrl.ShutDownSetPFStatus(0, 1);
+    ctrl.SetOutPutStatus(false, true, 1), ctrl.ShutDownSetPFStatus(0, 1);
     EXPECT_TRUE(ctrl.ISStartShutdown(0, 1));
 }
 
-TEST_F(Rules, FailureBeyondWinkAndCountdownEndsAtOnceAndLaterReportsAreSuppressed)
+TEST_F(Rules, MemberFailuresWithElapsedTimeInsideAndBeyondTheCountdownAndLaterReportsSuppressed)
 {
     member(2);
     ctrl.SetOutPutStatus(true, true, 1);
     ctrl.SetOutPutStatus(true, true, 0), ctrl.ShutDownSetPFStatus(0, 1);
-    report(9, 4, 3, 30); // slot 1 counts down
+    // Slot 1: 100 s elapsed = 70 s into the countdown: one minute gone, the first report still given,
+    // the next tick where that minute ends.
+    EXPECT_EQ(report(9, 4, 3, 100, {14, 357, 316}),
+              (V{"5:EvLog(500):9,316", "5:EvLog(500):9,357", "5:EvLog(500):9,14", "5:EvLog(500):9,0,2",
+                 "5:EvPowerFailReport(300):2,9", "0:EvTimerStart(100):8," + at(50) + ",60,9"}));
+    EXPECT_EQ(ctrl.power(1).failureStart, clock.now() - 100);
     // Slot 0: 30 s wink + 3 minutes gone, it takes the host down.
     EXPECT_EQ(report(8, 4, 3, 210, {14, 357}),
               (V{"5:EvLog(500):8,357", "5:EvLog(500):8,14", "0:EvTimerStop(102):7,8", "5:EvMemberShutdownLog(505):0,1",
                  "5:EvLog(500):8,3", "4:EvAppTerm(302):0", "0:EvTimerStop(102):12,8", appEndTimer()}));
-    EXPECT_EQ(ctrl.GetAppStatus(0), 2);
-    ASSERT_EQ(ctrl.GetStartShutdownStatus(), 1);
+    ASSERT_EQ(std::vector<int>({ctrl.GetAppStatus(0), ctrl.GetStartShutdownStatus()}), std::vector<int>({2, 1}));
 
     clock.advance(60);
     EXPECT_EQ(expire(TmCountdown + 1, 9), V{});
@@ -274,8 +253,7 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
     EXPECT_EQ(notify(NtDaemonStopping, {}),
               (V{"5:EvLog(500):1,7", "8:EvShutdownStatus(802):1,0", "9:EvShutdownStatus(802):1,1"}));
 
-    // On a controller the stop also ends the meter timer, and tells the
-    // members only while the UPS link is up.
+    // On a controller the stop also ends the meter timer, and tells the members only while the link is up.
     StCTrl c(&clock, &cfg);
     cfg.setConf("UPSController", "1");
     for (int state : {UpsNoContact, UpsCommunicating}) {
@@ -292,8 +270,7 @@ TEST_F(Rules, MemberSideEndAndDaemonStop)
 TEST_F(Rules, HugeTimingValuesAreBoundedWithALogLine)
 {
     controller();
-    cfg.setConf("WinkTime1", "99999999999");
-    cfg.setConf("ShutdownTime1", "99999999999");
+    cfg.setConf("WinkTime1", "99999999999"), cfg.setConf("ShutdownTime1", "99999999999");
     testing::internal::CaptureStderr();
     ctrl.setShutdownTiming(0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

@@ -1,5 +1,4 @@
-// ControllerProtocolRig: the controller-side protocol thread on a
-// ProtocolRig (virtual time, real core, member table and UPS data).
+// ControllerProtocolRig: the controller-side protocol thread on a ProtocolRig.
 #pragma once
 
 #include <string>
@@ -58,11 +57,10 @@ public:
     std::unique_ptr<IpcCTrlCTh> th;
 
 private:
-    std::pair<int, DUP_MEMB_INFO> lookup(const std::string& id)
+    std::pair<int, DUP_MEMB_INFO> lookup(std::string id)
     {
-        std::string key = id;
         DUP_MEMB_INFO rec;
-        const int slot = table->GetMembInfo(&key[0], &rec);
+        const int slot = table->GetMembInfo(&id[0], &rec);
         return {slot, rec};
     }
 };

@@ -2,6 +2,7 @@
 // ("NtName(code):p0,..." for notifications) for compact comparisons.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,11 +13,8 @@
 inline EVENTMSGINFO eventRecord(int to, int code, const std::vector<int>& params)
 {
     EVENTMSGINFO ev{};
-    ev.to = to;
-    ev.code = code;
-    ev.count = static_cast<int>(params.size());
-    for (size_t i = 0; i < params.size(); ++i)
-        ev.params[i] = params[i];
+    ev.to = to, ev.code = code, ev.count = static_cast<int>(params.size());
+    std::copy(params.begin(), params.end(), ev.params);
     return ev;
 }
 

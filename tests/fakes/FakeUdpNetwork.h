@@ -24,9 +24,7 @@
 class FakeUdpNetwork {
 public:
     struct Datagram {
-        std::string fromAddress; uint16_t fromPort;
-        std::string toAddress; uint16_t toPort;
-        std::vector<uint8_t> bytes;
+        std::string fromAddress; uint16_t fromPort; std::string toAddress; uint16_t toPort; std::vector<uint8_t> bytes;
     };
 
     class Socket : public UdpSocket {
@@ -56,10 +54,8 @@ public:
         UdpStatus receive(void* buffer, size_t capacity, UdpDatagramInfo& info) override
         {
             std::lock_guard<std::mutex> lock(mNet.mMutex);
-            if (mFd < 0)
-                return fail(EBADF);
-            if (mQueue.empty())
-                return UdpStatus::WouldBlock;
+            if (mFd < 0 || mQueue.empty())
+                return mFd < 0 ? fail(EBADF) : UdpStatus::WouldBlock;
             uint64_t one;
             (void)!::read(mFd, &one, sizeof one);
             Datagram d = std::move(mQueue.front());
@@ -91,8 +87,7 @@ public:
             std::lock_guard<std::mutex> lock(mNet.mMutex);
             if (mFd >= 0)
                 ::close(mFd);
-            mFd = -1, mPort = 0;
-            mAddress.clear(), mQueue.clear();
+            mFd = -1, mPort = 0, mAddress.clear(), mQueue.clear();
         }
 
     private:

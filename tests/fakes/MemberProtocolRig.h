@@ -1,6 +1,5 @@
-// MemberProtocolRig: the member-side protocol thread of slot 0 (thread 8)
-// on a ProtocolRig (virtual time, real core, member table, configuration and
-// controller list).
+// MemberProtocolRig: the member-side protocol thread of slot 0 (thread 8) on a ProtocolRig, with
+// its controller list.
 #pragma once
 
 #include <functional>
@@ -19,11 +18,6 @@ public:
         "AppTermTimeOut1=10\nShutdownDelay1=10\nAppTermCommand1=\nAcceptControllerCommand=0\n"
         "AcceptControllerTiming=1\n";
 
-    static std::string with(std::string text, const std::string& from, const std::string& to)
-    {
-        return text.replace(text.find(from), from.size(), to);
-    }
-
     // `controller`: the followed controller's entry in the controller list.
     explicit MemberProtocolRig(const std::string& ini = kIni, const std::string& controller = "127.0.0.1",
                                std::function<void(int)> resolve = {}, bool startNow = true)
@@ -40,11 +34,6 @@ public:
             start();
     }
 
-    // A controller's datagram, from its address and port.
-    void receive(DG2MessageType msg, const std::string& from = "127.0.0.1", int port = 3052)
-    {
-        ProtocolRig::receive(msg, from, port);
-    }
     // Event-log codes posted for the slot.
     std::vector<int> logCodes() const
     {

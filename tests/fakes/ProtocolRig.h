@@ -1,9 +1,7 @@
-// ProtocolRig: one coordination protocol thread run by hand in virtual time,
-// on a real controller core, member table, configuration and UPS data in a
-// temporary directory. receive() hands in a peer's datagram as the
-// transport does, transmit() drains the send queue and starts the reply
-// time-outs as the transport does, expire() fires a timer. The core's
-// queued events are kept in `posted`, its timer starts and stops in
+// ProtocolRig: one coordination protocol thread run by hand in virtual time, on a real controller
+// core, member table, configuration and UPS data in a temporary directory, playing the transport:
+// receive() hands in a peer's datagram, transmit() drains the send queue and arms the reply
+// time-outs, expire() fires a timer. The core's events are kept in `posted`, its running timers in
 // `running`. The controller and member rigs build their thread on it.
 #pragma once
 
@@ -36,14 +34,20 @@ public:
         upsPtr = (ups = std::make_unique<UpsDataBlock>(&clock)).get();
     }
 
+    // `text` with its first `from` replaced by `to` (a configuration variant).
+    static std::string with(std::string text, const std::string& from, const std::string& to)
+    {
+        return text.replace(text.find(from), from.size(), to);
+    }
+
     void start() { proto->Start(), events(); }
     void event(int code, const std::vector<int>& params = {})
     {
         proto->HandleEvent(eventRecord(proto->GetMyThrad(), code, params));
         events();
     }
-    // A datagram from a peer at address:port, as the transport delivers it.
-    void receive(DG2MessageType msg, const std::string& from, int port)
+    // A datagram from a peer at address:port (by default the controller a member follows).
+    void receive(DG2MessageType msg, const std::string& from = "127.0.0.1", int port = 3052)
     {
         char name[DG2::kNameSize + 1] = {};
         std::strncpy(name, from.c_str(), DG2::kNameSize);
@@ -95,11 +99,7 @@ public:
         return out;
     }
     // Seconds to a running timer's expiry (-1: not running).
-    int left(int id)
-    {
-        auto it = running.find(id);
-        return it == running.end() ? -1 : it->second - static_cast<int>(clock.now());
-    }
+    int left(int id) { return running.count(id) ? running[id] - static_cast<int>(clock.now()) : -1; }
 
     TempDir dir;
     ManualClock clock;

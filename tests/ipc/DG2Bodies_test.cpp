@@ -17,10 +17,8 @@ std::string wireBody(const DG2Builder& b) { return b.wire().substr(DG2::kHeaderS
 DG2MessageType received(const DG2Builder& b)
 {
     DG2MessageType m{};
-    std::string w = b.wire();
-    memcpy(&m, w.data(), w.size());
-    ByteOrderChg(&m);
-    return m;
+    const std::string w = b.wire();
+    return memcpy(&m, w.data(), w.size()), ByteOrderChg(&m), m;
 }
 
 DG2Settings settings()
@@ -34,9 +32,9 @@ DG2Settings settings()
 
 TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
 {
-    DG2Builder b(DG2::MsgSettings);
-    b.pack([](DG2MessageType* m) { return DG2PackSettings(m, settings()); });
-    std::string body = wireBody(b);
+    const DG2Builder b =
+        DG2Builder(DG2::MsgSettings).pack([](DG2MessageType* m) { return DG2PackSettings(m, settings()); });
+    const std::string body = wireBody(b);
     ASSERT_EQ(497u, body.size());
     EXPECT_EQ(std::string(100, 'h') + "group-1", body.substr(0, 107));
     EXPECT_EQ(std::string("3052\0\0", 6) + std::string("120\0\0\0\0\0", 8), body.substr(132, 14));
@@ -48,9 +46,7 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
 
     DG2MessageType scratch{};
     DG2Settings bad[3] = {settings(), settings(), settings()};
-    bad[0].runCommand = std::string(128, 'c');
-    bad[1].winkTime = 100000000;
-    bad[2].groupName = "a\nb";
+    bad[0].runCommand = std::string(128, 'c'), bad[1].winkTime = 100000000, bad[2].groupName = "a\nb";
     for (const DG2Settings& s : bad)
         EXPECT_EQ(-1, DG2PackSettings(&scratch, s));
 
@@ -63,8 +59,7 @@ TEST(DG2BodiesTest, SettingsTravelAsFixedTextFieldsAndRefuseWhatDoesNotFit)
         EXPECT_FALSE(DG2UnpackSettings(m, &back)) << s.first << " " << s.second;
     }
     DG2MessageType m = received(b);
-    m.bodyLen = 496;
-    EXPECT_FALSE(DG2UnpackSettings(m, &back));
+    EXPECT_FALSE((m.bodyLen = 496, DG2UnpackSettings(m, &back)));
 }
 
 TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
@@ -72,9 +67,9 @@ TEST(DG2BodiesTest, ShutdownTimingWordsSitAtTheirOffsetsInWireOrder)
     DG2_ShutdownTimming t{};
     t.winkTime = 0x0102, t.shutdownTime = 7, t.appTermTimeOut = 0x0A0B, t.shutdownDelay = 65535, t.marker = 9;
     strcpy(t.appTermCommand, "/usr/local/bin/stop-db");
-    DG2Builder b(DG2::MsgShutdownTiming);
-    b.pack([&](DG2MessageType* m) { return DG2PackShutdownTiming(m, t); });
-    std::string body = wireBody(b);
+    const DG2Builder b =
+        DG2Builder(DG2::MsgShutdownTiming).pack([&](DG2MessageType* m) { return DG2PackShutdownTiming(m, t); });
+    const std::string body = wireBody(b);
     ASSERT_EQ(152u, body.size());
     EXPECT_EQ(std::string("\x02\x01\0\0\x07\0\0\0\x0B\x0A\xFF\xFF", 12), body.substr(0, 12));
     EXPECT_EQ("/usr/local/bin/stop-db|\x09", body.substr(22, 22) + "|" + body[150]);
@@ -96,21 +91,19 @@ TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
     r.alarmMapLength = 2, r.battery = 5, r.utility = 3, r.alarmMap[0] = 0x81, r.alarmStates[1] = 1;
     r.meters[0] = 0x01020304, r.meters[255] = -2;
     r.restarted = 1, r.upsCommLost = 1, r.outputOn = 1, r.alertTime = 0x11223344, r.reportTime = 0x55667788;
-    DG2Builder b(DG2::MsgPowerReport);
-    b.pack([&](DG2MessageType* m) { return DG2PackPowerReport(m, r); });
-    std::string body = wireBody(b);
+    const DG2Builder b =
+        DG2Builder(DG2::MsgPowerReport).pack([&](DG2MessageType* m) { return DG2PackPowerReport(m, r); });
+    const std::string body = wireBody(b);
     ASSERT_EQ(1328u, body.size());
-    EXPECT_EQ(std::string("\x02\x05\x03\0\x81", 5), body.substr(0, 5));
-    EXPECT_EQ(1, body[37]);
-    EXPECT_EQ(std::string("\x04\x03\x02\x01", 4), body.substr(292, 4));
+    EXPECT_EQ(std::string("\x02\x05\x03\0\x81|\x01|\x04\x03\x02\x01", 12),
+              body.substr(0, 5) + "|" + body[37] + "|" + body.substr(292, 4));
     EXPECT_EQ(std::string("\xFE\xFF\xFF\xFF\x01\x01\0\x01\x44\x33\x22\x11\x88\x77\x66\x55", 16), body.substr(1312));
     DG2PowerReportBody back;
     ASSERT_TRUE(DG2UnpackPowerReport(received(b), &back));
     EXPECT_EQ(0, memcmp(&r, &back, sizeof r));
 
     DG2PowerReportBody bad[2] = {r, r};
-    bad[0].alarmMapLength = 33;
-    bad[1].utility = 4;
+    bad[0].alarmMapLength = 33, bad[1].utility = 4;
     for (const DG2PowerReportBody& x : bad) {
         DG2MessageType m = received(b);
         EXPECT_EQ(-1, DG2PackPowerReport(&m, x));
@@ -122,16 +115,11 @@ TEST(DG2BodiesTest, PowerReportValuesAndStatusBytesSitAtTheirOffsets)
 TEST(DG2BodiesTest, PowerReportFromTheUpsDataOfOneIndex)
 {
     UpsDataBlock ups;
-    std::string map(40, '\0');  // longer than the body's map: cut to 32 bytes
-    map[0] = 0x01;              // alarm 0
-    map[7] = 0x01;              // alarm 56, battery
-    ups.setAlarmNo(reinterpret_cast<const unsigned char*>(map.data()), 40, 2);
-    const unsigned char states[] = {0, 1};
-    ups.setActionLevel(states, 2, 2);
-    ups.checkAlarm(2);
+    unsigned char map[40] = {0x01, 0, 0, 0, 0, 0, 0, 0x01}, states[] = {0, 1}; // alarms 0 and 56 (battery)
+    ups.setAlarmNo(map, 40, 2); // longer than the body's map: cut to 32 bytes
     int32_t meters[256] = {};
     meters[255] = 12345;
-    ups.setMeterValues(meters, 256, 2);
+    ups.setActionLevel(states, 2, 2), ups.checkAlarm(2), ups.setMeterValues(meters, 256, 2);
     DG2PowerReportBody r;
     DG2PowerReportFromUps(ups, 2, &r);
     // Utility 2: alarms 57 and 59 not supported; the alert time is the battery alarm's.
@@ -142,8 +130,8 @@ TEST(DG2BodiesTest, PowerReportFromTheUpsDataOfOneIndex)
 
 TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
 {
-    DG2Builder reg(DG2::MsgRegister);
-    reg.pack([](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, {"id0001", "192.0.2.7", 3069}); });
+    const DG2Builder reg = DG2Builder(DG2::MsgRegister)
+        .pack([](DG2MessageType* m) { return DG2PackAddress(m, DG2::MsgRegister, {"id0001", "192.0.2.7", 3069}); });
     EXPECT_EQ(pad32("id0001") + pad32("192.0.2.7") + std::string("3069\0\0", 6), wireBody(reg));
     DG2Address a;
     ASSERT_TRUE(DG2UnpackAddress(received(reg), &a));
@@ -154,21 +142,21 @@ TEST(DG2BodiesTest, SmallBodiesRoundTripAndRefuseBadValues)
 
     DG2Builder end(DG2::MsgAppEnd);
     end.pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 3, std::string(40, 'n')}); });
+    EXPECT_EQ(std::string("\x01\0\x03\0\0\0", 6) + std::string(32, 'n') + std::string(2, '\0'), wireBody(end));
     DG2AppEnd e;
     ASSERT_TRUE(DG2UnpackAppEnd(received(end), &e));
     EXPECT_EQ(std::string(32, 'n') + " 1 3", e.senderName + " " + std::to_string(e.value1) + " " + std::to_string(e.value2))
         << "cut to the field, terminated by the reader";
 
-    DG2Builder code(DG2::MsgAccessCode);
-    code.pack([](DG2MessageType* m) { return DG2PackAccessCode(m, "8000"); });
+    const DG2Builder code =
+        DG2Builder(DG2::MsgAccessCode).pack([](DG2MessageType* m) { return DG2PackAccessCode(m, "8000"); });
     std::string c;
     ASSERT_TRUE(DG2UnpackAccessCode(received(code), &c));
     EXPECT_EQ("8000", c);
     EXPECT_EQ(-1, DG2PackAccessCode(&scratch, "80\t00"));
 
-    DG2Builder sched(DG2::MsgSchedule);
-    sched.pack([](DG2MessageType* m) { return DG2PackSchedule(m, 0x1234); });
-    EXPECT_EQ(std::string("\x34\x12", 2), wireBody(sched));
+    EXPECT_EQ(std::string("\x34\x12", 2),
+              wireBody(DG2Builder(DG2::MsgSchedule).pack([](DG2MessageType* m) { return DG2PackSchedule(m, 0x1234); })));
     EXPECT_EQ(-1, DG2PackSchedule(&scratch, -1));
 }
 

@@ -1,8 +1,8 @@
-// The controller-side protocol in virtual time: what each step of the member
-// exchange carries, member IDs by identity, repetitions, refused input,
-// application end and uninstall.
+// The controller-side protocol in virtual time: what each step of the member exchange carries,
+// member IDs by identity, repetitions, refused input, application end and uninstall.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -22,8 +22,8 @@ std::string req(int msg, const std::string& to, int body, int result = DG2::kRes
     return DG2Describe(m);
 }
 
-// Answers every request in turn (the settings with a body unless `zeroBodies`)
-// until the exchange ends; the requests seen.
+// Answers every request in turn (the settings with a body unless `zeroBodies`) until the exchange
+// ends; the requests seen.
 Ints runExchange(Rig& r, const DG2MessageType& registration, const std::string& addr, const std::string& answerFrom,
                  int port = 3069, bool zeroBodies = false)
 {
@@ -54,13 +54,10 @@ DG2MessageType withAddress(uint8_t msg, const char* src, const char* dst, uint16
 TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
 {
     Rig r;
-    r.receive(Rig::registration("127.0.0.5", 3069), "127.0.0.5", 3069);
-    std::vector<IPC_DATA_REC> out = r.transmit();
+    auto from5 = [&r](const DG2MessageType& m) { return r.receive(m, "127.0.0.5", 3069), r.transmit(); };
+    std::vector<IPC_DATA_REC> out = from5(Rig::registration("127.0.0.5", 3069));
     ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(DG2Describe(out[0].msg), req(35, "127.0.0.5", 70, 0));
-    DG2Address echoed;
-    ASSERT_TRUE(DG2UnpackAddress(out[0].msg, &echoed));
-    EXPECT_EQ(echoed.memberId, "127.0.0.5") << "a member by address is registered under its source name";
+    EXPECT_EQ(DG2Describe(out[0].msg), req(35, "127.0.0.5", 70, 0)); // its ID: checked where a member stores it
     EXPECT_EQ(DG2Describe(out[1].msg) + " " + std::to_string(out[1].mode),
               req(0, "127.0.0.5", 497) + " " + std::to_string(IPC_DST_REPLY));
     DG2Settings s;
@@ -68,35 +65,29 @@ TEST(IpcCTrlCThExchange, EachStepCarriesItsBodyAndEveryAnswerEndsItsTimeOut)
     EXPECT_EQ(s.hostName + "|" + s.groupName + "|" + s.runCommand, "127.0.0.1|rack-3|/bin/true");
     EXPECT_EQ(Ints({s.port, s.shutdownDelay, s.countdownTime, s.winkTime, s.appEndTime}), Ints({3052, 120, 5, 30, 60}));
 
-    r.receive(Rig::settingsAnswer("127.0.0.5", "memb-host"), "127.0.0.5", 3069);
-    out = r.transmit();
-    ASSERT_EQ(out.size(), 1u);
+    out = from5(Rig::settingsAnswer("127.0.0.5", "memb-host"));
     DG2_ShutdownTimming t;
-    ASSERT_TRUE(DG2UnpackShutdownTiming(out[0].msg, &t));
+    ASSERT_TRUE(out.size() == 1 && DG2UnpackShutdownTiming(out[0].msg, &t));
     EXPECT_EQ(Ints({t.winkTime, t.shutdownTime, t.appTermTimeOut, t.shutdownDelay}), Ints({30, 5, 60, 120}));
 
-    r.receive(Rig::answer(181, "127.0.0.5"), "127.0.0.5", 3069);
-    out = r.transmit();
+    out = from5(Rig::answer(181, "127.0.0.5"));
     std::string code;
     ASSERT_TRUE(out.size() == 1 && DG2UnpackAccessCode(out[0].msg, &code));
     EXPECT_EQ(code, "8000");
 
     r.clock.advance(7);
-    r.receive(Rig::answer(140, "127.0.0.5"), "127.0.0.5", 3069);
-    out = r.transmit();
+    out = from5(Rig::answer(140, "127.0.0.5"));
     DG2PowerReportBody p;
     ASSERT_TRUE(out.size() == 1 && DG2UnpackPowerReport(out[0].msg, &p));
-    EXPECT_EQ(out[0].ret.limit, 0);
-    EXPECT_EQ(Ints({p.restarted, p.reportTime}), Ints({1, int32_t(r.clock.now())})) << "first report after start";
-
-    r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
-    EXPECT_TRUE(r.sent().empty());
+    EXPECT_EQ(Ints({out[0].ret.limit, p.restarted, p.reportTime}), Ints({0, 1, int32_t(r.clock.now())}))
+        << "the first report after start, never repeated";
+    EXPECT_TRUE(from5(Rig::answer(141, "127.0.0.5")).empty());
     EXPECT_EQ(Ints({r.member("127.0.0.5").status, r.commErrTimerLeft(r.slotOf("127.0.0.5"))}), Ints({MembActive, 90}));
     EXPECT_TRUE(r.replyTimers().empty()) << "every answer ended the time-out that waited for it";
     // Its answer to a power report sent to all members ends that report's time-out.
     r.event(EvSendUpsStatus);
     r.transmit();
-    r.receive(Rig::answer(141, "127.0.0.5"), "127.0.0.5", 3069);
+    from5(Rig::answer(141, "127.0.0.5"));
     EXPECT_TRUE(r.replyTimers().empty());
 }
 
@@ -105,10 +96,8 @@ TEST(IpcCTrlCThIdentity, AGivenIdIsKeptAndNumbersWrapPastThoseInUse)
     {
         Rig r;
         r.receive(withAddress(DG2::MsgRegister, " ABCD", " WXYZ", 19, {"", "127.0.0.7", 3069}), "127.0.0.7", 3069);
-        std::vector<IPC_DATA_REC> out = r.transmit();
-        ASSERT_EQ(out.size(), 2u);
-        EXPECT_EQ(DG2Describe(out[0].msg), req(35, " ABCD", 70, 0, " WXYZ")) << "reply to the destination text";
-        EXPECT_EQ(DG2Describe(out[1].msg), req(0, " ABCD", 497));
+        EXPECT_EQ(r.sent(), (std::vector<std::string>{req(35, " ABCD", 70, 0, " WXYZ"), req(0, " ABCD", 497)}))
+            << "the reply comes from the destination text";
         // A member presenting the ID it was given keeps it: no new number.
         EXPECT_EQ(runExchange(r, withAddress(DG2::MsgRegister, " ABCD", " WXYZ", 19, {" ABCD0001", "127.0.0.7", 3069}),
                               "127.0.0.7", " ABCD"),
@@ -116,9 +105,8 @@ TEST(IpcCTrlCThIdentity, AGivenIdIsKeptAndNumbersWrapPastThoseInUse)
         EXPECT_EQ(r.member(" ABCD0001").status, MembActive);
         EXPECT_EQ(FileMap(r.dir.file("Kestrava.ini")).getConf("MemberIDData"), "1") << "saved";
     }
-    std::string ini = Rig::defaultIni();
-    ini.replace(ini.find("MemberIDData=0"), 14, "MemberIDData=65535");
-    Rig r(ini, " ABCD0001\nm1\n127.0.0.21\n3069\n ABCD0002\nm2\n127.0.0.22\n3069\n");
+    Rig r(Rig::with(Rig::defaultIni(), "MemberIDData=0", "MemberIDData=65535"),
+          " ABCD0001\nm1\n127.0.0.21\n3069\n ABCD0002\nm2\n127.0.0.22\n3069\n");
     EXPECT_EQ(r.th->GetMember_ID(), " ABCD0003");
     EXPECT_EQ(r.config->getConf("MemberIDData"), "3");
 }
@@ -141,8 +129,8 @@ TEST(IpcCTrlCThRepeat, UnansweredRequestsAreRepeatedUpToTheirLimit)
     r.event(EvSendUpsStatus);
     std::vector<IPC_DATA_REC> out = r.transmit();
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(DG2Describe(out[0].msg) + " " + std::to_string(out[0].mode),
-              req(141, "", 1328) + " " + std::to_string(IPC_DST_ALL));
+    EXPECT_EQ(DG2Describe(out[0].msg), req(141, "", 1328));
+    EXPECT_EQ(out[0].mode, IPC_DST_ALL);
     r.expire(r.replyTimers().at(0));
     EXPECT_TRUE(r.sent().empty());
     r.event(EvConfigChanged);
@@ -208,8 +196,7 @@ TEST(IpcCTrlCThLeave, ApplicationEndDeactivatesAndUninstallFromTheMemberItselfFo
     Rig r;
     EXPECT_EQ(runExchange(r, Rig::registration("127.0.0.5", 3069), "127.0.0.5", "127.0.0.5").size(), 4u);
     const int slot = r.slotOf("127.0.0.5");
-    r.expire(IpcCTrlTh::CommErrTimerId(slot));
-    EXPECT_EQ(r.member("127.0.0.5").status, MembCommFail);
+    EXPECT_EQ((r.expire(IpcCTrlTh::CommErrTimerId(slot)), r.member("127.0.0.5").status), MembCommFail);
     runExchange(r, Rig::registration("127.0.0.5", 3069), "127.0.0.5", "127.0.0.5");
     r.receive(Rig::fromMember(DG2::MsgAppEnd, "127.0.0.5")
                   .pack([](DG2MessageType* m) { return DG2PackAppEnd(m, {1, 0, "127.0.0.5"}); }).msg(),
@@ -222,12 +209,10 @@ TEST(IpcCTrlCThLeave, ApplicationEndDeactivatesAndUninstallFromTheMemberItselfFo
     r.receive(uninstall, "127.0.0.5", 4444);
     std::vector<IPC_DATA_REC> out = r.transmit();
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(out[0].msg.body), 70),
-              std::string(reinterpret_cast<const char*>(uninstall.body), 70));
+    EXPECT_EQ(std::memcmp(out[0].msg.body, uninstall.body, 70), 0) << "the reply echoes the body";
     EXPECT_NE(r.slotOf("127.0.0.5"), 0) << "another port than the body's: not the member itself";
     r.receive(uninstall, "127.0.0.5", 3069);
     EXPECT_EQ(DG2FieldText(r.transmit().at(0).msg.srcName, 32), "127.0.0.1");
-    EXPECT_EQ(r.slotOf("127.0.0.5"), 0);
-    EXPECT_EQ(r.dir.read("MembInfo.dat"), "");
-    EXPECT_TRUE(r.running.empty()) << "its timers are stopped";
+    EXPECT_TRUE(r.slotOf("127.0.0.5") == 0 && r.dir.read("MembInfo.dat").empty() && r.running.empty())
+        << "forgotten, saved, its timers stopped";
 }

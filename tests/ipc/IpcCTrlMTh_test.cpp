@@ -49,20 +49,16 @@ TEST(IpcCTrlMThWithController, RegistersThenReRegistersTheFullAndTheShortWayAndF
     Pair p;
     const Ints full = {35, 35, 0, 0, 181, 181, 140, 140, 141, 141};
     EXPECT_EQ(p.run(), full);
-    EXPECT_EQ(p.m.th->Controller().status, MembActive);
-    EXPECT_EQ(p.m.core->ShutDownGetCommStatus(0), 1);
-    // Saved; timing taken, the command not ("AcceptControllerCommand=0"),
-    // and the controller list keeps the timing for the next start.
+    EXPECT_EQ(Ints({p.m.th->Controller().status, p.m.core->ShutDownGetCommStatus(0)}), Ints({MembActive, 1}));
+    // Saved; timing taken, the command not ("AcceptControllerCommand=0"); the list keeps the timing for the next start.
     for (auto kv : {std::make_pair("MemberEntry1", "1"), {"MyID1", "127.0.0.2"}, {"HostName1", "127.0.0.1"},
                     {"UGName1", "rack-3"}, {"WinkTime1", "300"}, {"AppTermCommand1", ""}})
         EXPECT_EQ(p.m.onDisk(kv.first), kv.second) << kv.first;
     FileMap list(p.m.dir.file("Membercnt.cfg"));
     EXPECT_EQ(list.getConf("WinkTime") + "|" + list.getConf("AppTermCommand"), "300|");
-    EXPECT_EQ(p.m.left(TmHealth), 30);
-    EXPECT_EQ(p.m.commErrLeft(), 90);
+    EXPECT_EQ(Ints({p.m.left(TmHealth), p.m.commErrLeft()}), Ints({30, 90}));
 
-    // Health check at the old address: the controller answers the full way,
-    // which the member follows from its short request.
+    // Health check at the old address: the controller answers the full way, which the member follows.
     p.m.expire(TmHealth);
     EXPECT_EQ(p.run(), full);
     EXPECT_EQ(p.m.th->Controller().sq, SqRenew);
@@ -75,8 +71,7 @@ TEST(IpcCTrlMThWithController, RegistersThenReRegistersTheFullAndTheShortWayAndF
     EXPECT_TRUE(p.m.replyTimers().empty());
     EXPECT_EQ(countOf(p.m.logCodes(), 5), 1);
 
-    // Utility lost on the controller's UPS 100 s before its report (6006):
-    // the slot's wink runs for the rest of its 300 s on the member.
+    // Utility lost on the controller's UPS 100 s before its report: the wink runs the rest of its 300 s.
     const unsigned char map[8] = {0, 0, 0, 0, 0, 0, 0, 0x08}, active[1] = {1};
     p.c.ups->setAlarmNo(map, 8, 0);
     p.c.ups->setActionLevel(active, 1, 0);
@@ -92,23 +87,18 @@ TEST(IpcCTrlMThWithController, RegistersThenReRegistersTheFullAndTheShortWayAndF
 TEST(IpcCTrlMThStart, FirstTimerAndRegistrationFollowHowTheControllerIsNamed)
 {
     Member fresh;
-    EXPECT_EQ(fresh.commErrLeft(), 60);
-    EXPECT_EQ(fresh.th->Controller().status, MembNoEntry);
+    EXPECT_EQ(Ints({fresh.commErrLeft(), fresh.th->Controller().status}), Ints({60, MembNoEntry}));
 
     Member known(Member::with(Member::with(Member::kIni, "MemberEntry1=0", "MemberEntry1=1"), "MyID1=", "MyID1=m-7"));
-    EXPECT_EQ(known.commErrLeft(), 30);
-    EXPECT_EQ(known.th->Controller().status, MembNotActive);
+    EXPECT_EQ(Ints({known.commErrLeft(), known.th->Controller().status}), Ints({30, MembNotActive}));
     std::vector<IPC_DATA_REC> out = known.transmit();
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(DG2Describe(out[0].msg), kRegister[0]);
-    EXPECT_EQ(std::string(out[0].name), "@CTRL1");
     DG2Address body;
-    ASSERT_TRUE(DG2UnpackAddress(out[0].msg, &body));
+    ASSERT_TRUE(out.size() == 1 && DG2UnpackAddress(out[0].msg, &body));
+    EXPECT_EQ(DG2Describe(out[0].msg) + " " + out[0].name, kRegister[0] + " @CTRL1");
     EXPECT_EQ(body.memberId + "|" + body.address + "|" + std::to_string(body.port), "m-7|127.0.0.2|3069");
 
-    // By identity: named by it both ways, reached where its first datagram
-    // comes from; the answer names the ID, whose leading blank the file
-    // loses and the next request puts back.
+    // By identity: named by it both ways, reached where its first datagram comes from; the ID's leading
+    // blank, lost in the file, is put back by the next request.
     Member byId(Member::kIni, "*ABCD");
     EXPECT_EQ(byId.th->GetDisplayType(), 1);
     EXPECT_EQ(byId.sent(), Strings{"35 register r255 17: ABCD -> 19: ABCD body 70"});
@@ -138,21 +128,17 @@ TEST(IpcCTrlMThReports, EachCodeOnceInARowAndARestartKeepsThePowerTimers)
     r.expire(IpcCTrlTh::CommErrTimerId(1));
     r.expire(IpcCTrlTh::CommErrTimerId(1));
     EXPECT_EQ(r.logCodes(), Ints{4});
-    EXPECT_EQ(r.th->Controller().status, MembCommFail);
-    EXPECT_EQ(r.core->ShutDownGetCommStatus(0), 2);
+    EXPECT_EQ(Ints({r.th->Controller().status, r.core->ShutDownGetCommStatus(0)}), Ints({MembCommFail, 2}));
 
     // The health check's registration unanswered: asked again every 5 s.
+    auto askedOnce = [&r] { return r.sent().size() == 1 && r.replyTimers().size() == 1; };
     r.expire(TmHealth);
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(r.sent().size(), 1u);
-        ASSERT_EQ(r.replyTimers().size(), 1u);
-        if (round == 0)
-            r.expire(r.replyTimers()[0]);
-    }
+    ASSERT_TRUE(askedOnce());
+    r.expire(r.replyTimers()[0]);
+    ASSERT_TRUE(askedOnce());
     EXPECT_EQ(r.left(r.replyTimers()[0]), 5);
 
-    // Stopped timers: a fresh registration (the repetition ends); only
-    // reply timers are stopped, the slot's power timers go on.
+    // Stopped timers: a fresh registration; only reply timers stop, the slot's power timers go on.
     r.posted.clear();
     r.event(EvTimersStopped);
     EXPECT_EQ(r.sent(), kRegister);
@@ -165,8 +151,7 @@ TEST(IpcCTrlMThReports, EachCodeOnceInARowAndARestartKeepsThePowerTimers)
     r.receive(Member::report(true, 9));
     r.receive(Member::timing(10, 1, ""));
     EXPECT_EQ(r.logCodes(), Ints{5});
-    EXPECT_EQ(r.th->Controller().status, MembActive);
-    EXPECT_EQ(r.sent().size(), 2u);
+    EXPECT_EQ(Ints({r.th->Controller().status, int(r.sent().size())}), Ints({MembActive, 2}));
 }
 
 TEST(IpcCTrlMThTrust, ReportsAndTimingOutsideAnExchangeOrMalformedAreNotObeyed)
@@ -177,8 +162,7 @@ TEST(IpcCTrlMThTrust, ReportsAndTimingOutsideAnExchangeOrMalformedAreNotObeyed)
     r.receive(Member::timing(99, 9, "/bin/evil"));
     r.receive(Member::fromController(DG2::MsgMemberInfo230).msg());
     EXPECT_TRUE(r.sent().empty());
-    EXPECT_EQ(r.left(TmWink), -1);
-    EXPECT_EQ(r.config->getConf("WinkTime1"), "10");
+    EXPECT_EQ(std::to_string(r.left(TmWink)) + " " + r.config->getConf("WinkTime1"), "-1 10");
 
     // A settings request whose host name breaks a line: answered, not stored.
     r.receive(Member::registrationAnswer("127.0.0.2"));

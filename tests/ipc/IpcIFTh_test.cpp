@@ -1,5 +1,6 @@
-// The UDP transport on the in-memory network, pass by pass: receive checks, member routing, targets,
-// wire bytes, time-outs, the close send, the silence tick, sockets.
+// The UDP transport on the in-memory network, pass by pass, with a real controller core, member table
+// and configuration: receive checks, member routing, targets, wire bytes, time-outs, the close send,
+// the silence tick, sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -45,16 +46,13 @@ IPC_DATA_REC record(IPC_DST_MODE mode, const char* name, const DG2Builder& b, in
 {
     IPC_DATA_REC r{};
     r.mode = mode, r.msg = b.msg(), r.threadId = ThCtrlSlot0, r.ret.timeOut = timeOut, r.ret.awaited = awaited;
-    DG2SetField(r.name, sizeof r.name, name);
-    return r;
+    return DG2SetField(r.name, sizeof r.name, name), r;
 }
 DG2Builder fromMember(uint8_t msg, const char* src = "127.0.0.5")
 { return DG2Builder(msg).from(src, DG2::KindMember).to("127.0.0.1", DG2::KindController); }
 DG2Builder fromController(uint8_t msg, const char* dst = "127.0.0.5")
 { return DG2Builder(msg).from("127.0.0.1", DG2::KindController).to(dst, DG2::KindMember); }
 
-// A transport on the in-memory network with a real controller core, member
-// table and configuration; the test drives it pass by pass.
 struct Rig {
     ManualClock clock;
     TempConfig ini, memcnt;
@@ -122,7 +120,7 @@ TEST(IpcIFThReceive, AcceptedDatagramReachesItsThreadWholeDropsAreLoggedOncePerM
     IPC_DATA_REC got;
     ASSERT_EQ(r.data.getRvData(&got, ThCtrlSlot0), 1);
     EXPECT_EQ(std::memcmp(&got.msg, wire.data(), 1412), 0) << "1412 bytes delivered as they came";
-    EXPECT_EQ(std::string(got.name) + ":" + std::to_string(got.value), "127.0.0.5:6001") << "the sender";
+    EXPECT_EQ(std::string(got.name) + ":" + std::to_string(got.value), "127.0.0.5:6001");
     EXPECT_EQ(drainDescribed(r.core), V{"8:EvNetReceived(600):"});
 
     testing::internal::CaptureStderr();
@@ -176,8 +174,7 @@ TEST(IpcIFThMember, SilenceOf120sWithoutARegistrationStopsTheNetworkTimersAndAft
         for (int i = 0; i < n; ++i)
             r.clock.advance(seconds), r.th.RunPass();
         return drainDescribed(r.core);
-    };
-    // The quiet-network rule: health checks and reply time-outs stop.
+    }; // the quiet-network rule: health checks and reply time-outs stop
     const V stopAll = {"0:EvTimerStop(102):17", "0:EvTimerStop(102):18", "0:EvTimerStop(102):19",
                        "0:EvTimerStop(102):20", "0:EvTimerStopAll(103):1,30,265"};
     ticks(1, 10800), ticks(1, -3600);
@@ -212,8 +209,8 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
     r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport).from("@", DG2::KindController), 10, 141));
     auto got = inbox(*a);
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(text(got[0].first.srcName) + " " + std::to_string(got[0].first.hedVer) + " " +
-                  std::to_string(got[0].second), "127.0.0.5 1 1412");
+    EXPECT_EQ(text(got[0].first.srcName) + " " + std::to_string(got[0].first.hedVer) + " " + std::to_string(got[0].second),
+              "127.0.0.5 1 1412");
     const int timer = r.data.GetTimerID() - 1; // the pool rotates
     EXPECT_EQ(drainDescribed(r.core), V{"0:EvTimerStart(100):" + std::to_string(timer) + "," +
                                         std::to_string(t0 + 10) + ",0,8"});
@@ -224,8 +221,7 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
     auto gotId = inbox(*id);
     ASSERT_EQ(got.size() + gotId.size(), 2u);
     EXPECT_EQ(text(got[0].first.dstName) + "|" + text(gotId[0].first.dstName), "127.0.0.5| ctrl-id");
-    EXPECT_EQ(inbox(*b).size(), 0u) << "not active";
-    EXPECT_TRUE(drainDescribed(r.core).empty());
+    EXPECT_TRUE(inbox(*b).empty() && drainDescribed(r.core).empty()) << "b is not active; no timer";
 
     // An empty target: once to every interface's broadcast address.
     size_t before = r.net.sent().size();
@@ -245,12 +241,12 @@ TEST(IpcIFThSend, RecordsGoToTheirTargetsAsStampedWireBytesWithTheirTimeOuts)
     EXPECT_EQ(r.net.sent().size(), before + 4) << "its request and the one reply: a name nobody sent from gets nothing";
 
     // The close send: three copies to every active member, then nothing.
-    EXPECT_EQ(r.th.GetCloseSendInterval(), 60000) << ".1";
+    EXPECT_EQ(r.th.GetCloseSendInterval(), 60000) << "for host .1";
     r.queue(record(IPC_DST_CLOSE, "", fromController(DG2::MsgAppEnd)));
     EXPECT_EQ(inbox(*a).size() + inbox(*id).size(), 6u);
     r.queue(record(IPC_DST_ONE, "memb-a", fromController(DG2::MsgPowerReport)));
     r.queue(record(IPC_DST_ALL, "", fromController(DG2::MsgAppEnd)));
-    EXPECT_EQ(inbox(*a).size(), 0u) << "a controller sends nothing after its close send";
+    EXPECT_TRUE(inbox(*a).empty()) << "a controller sends nothing after its close send";
     r.config->setConf("IPAddress", "127.0.0.63");
     EXPECT_EQ(r.th.GetCloseSendInterval(), 1920000);
 }
@@ -264,8 +260,7 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
         auto probe = r.net.socket();
         probe->open();
         EXPECT_EQ(probe->bind("127.255.255.255", 3069), UdpStatus::Error);
-        r.th.end();
-        r.th.end();
+        r.th.end(), r.th.end();
         EXPECT_EQ(probe->bind("127.255.255.255", 3069), UdpStatus::Ok) << "end() closed it";
         Rig any("UPSController=1\nCtrlPort1=3069\nIPAddress=*ident\n", "", ifs);
         EXPECT_FALSE(any.th.broadcastOpen());
@@ -287,7 +282,7 @@ TEST(IpcIFThSockets, BindAddressesRetriesAndAnUnopenableSocket)
         UdpStatus open() override { return UdpStatus::Error; }
     };
     Rig r(kController, "", {}, false);
-    auto w = r.wiring();
+    IpcIFTh::Wiring w = r.wiring();
     w.makeSocket = [&r] { return std::unique_ptr<UdpSocket>(new Unopenable(r.net)); };
     IpcIFTh th(ThIpcIF, w);
     testing::internal::CaptureStderr();

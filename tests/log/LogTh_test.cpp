@@ -62,8 +62,7 @@ TEST_F(LogThTest, EventLogLinesOriginAndMemberFilesUnderPath)
     threads[0] = &member;
     post(EvLog, {8, 11});
     config.setConf("UPSController", "2");
-    post(EvLog, {8, 11});
-    post(EvLog, {1, 11});
+    post(EvLog, {8, 11}), post(EvLog, {1, 11});
     EXPECT_EQ(readFile(dir + "/log/202611.log"), "2026/11/30 23:59:59 hostA: 5 min ($MINUTES), $MACHINE$SEGMENT\n"
                                                  "2026/11/30 23:59:59 five\n");
     const std::string s = "2026/12/01 00:00:00 ";
@@ -72,11 +71,9 @@ TEST_F(LogThTest, EventLogLinesOriginAndMemberFilesUnderPath)
 
     // Controller information and the shutdown log go under "Path", the slot's name made printable.
     config.setConf("AppTermCommand1", "/usr/bin/stop");
-    ctrl.setShutdownTiming(0);
-    ctrl.SetMemberContActive(0, true);
+    ctrl.setShutdownTiming(0), ctrl.SetMemberContActive(0, true);
     fs::create_directory(dir + "/CONTROLLER"), fs::create_directory(dir + "/SHUTDOWN");
-    post(EvControllerInfo, {});
-    post(EvMemberShutdownLog, {0, 1});
+    post(EvControllerInfo, {}), post(EvMemberShutdownLog, {0, 1});
     EXPECT_NE(readFile(dir + "/CONTROLLER/Controller.inf").find("\n  No.1 10.1.2.3?\n"), std::string::npos);
     EXPECT_EQ(readFile(dir + "/SHUTDOWN/202612_sh.log"), s + "Shutdown 10.1.2.3? Power Failure 0, 0, 0*, 0\n");
     EXPECT_FALSE(fs::exists(home));
@@ -98,9 +95,7 @@ TEST_F(LogThTest, BroadcastsReachWallAsOneQuotedWordAndSpillWhenItFails)
               "\n[ -f \"$1\" ] && cat \"$1\" >> " + out + "\ncase \"$1\" in *refused*) exit 1;; esac\n", 0755);
     const std::string path = getenv("PATH");
     setenv("PATH", (dir + "/bin:" + path).c_str(), 1);
-    post(499, {1, 6});
-    post(EvPowerFailReport, {1, 8});
-    post(EvPowerRestoredReport, {8});
+    post(499, {1, 6}), post(EvPowerFailReport, {1, 8}), post(EvPowerRestoredReport, {8});
     config.setConf("UPSController", "2");
     config.setConf("CtrlIPAddress2", "'$(touch " + dir + "/a)\x1b");
     post(EvScheduleReport, {7, 9});

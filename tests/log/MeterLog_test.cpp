@@ -23,8 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-EVENTMSGINFO meterEvent(std::vector<int> params) { return eventRecord(ThLog, EvMeterLog, params); }
-
 // The leading fields of a meter-log line at `t` (UTC).
 std::string stamp(const char* text, time_t t) { return "\"" + std::string(text) + "\",\"" + std::to_string(t) + "\","; }
 
@@ -32,19 +30,14 @@ class MeterLogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("TZ", "UTC", 1);
-        tzset();
+        setenv("TZ", "UTC", 1), tzset();
         fs::create_directories(logDir);
         writeFile(dir + "/Kestrava.ini", "Path=" + dir + "\nDumpLogRate=10\nDumpLogDays=30\nUPSController=1\n");
         config.load();
         gpMapConfig = &config;
         ctrl.Set_State_UPS(2);
     }
-    void TearDown() override
-    {
-        gpMapConfig = savedConfig;
-        gUpsData = savedUps;
-    }
+    void TearDown() override { gpMapConfig = savedConfig, gUpsData = savedUps; }
 
     std::set<std::string> files()
     {
@@ -68,19 +61,16 @@ TEST_F(MeterLogTest, EventTextsMeasurementsAndTheNoDataLine)
 {
     time_t t = ManualClock::utc(2026, 11, 13, 23, 59, 59);
     for (int index : {11, 12}) { // 12 is outside the table: nothing
-        EVENTMSGINFO ev = meterEvent({index});
+        EVENTMSGINFO ev = eventRecord(ThLog, EvMeterLog, {index});
         EXPECT_EQ(meter.writeLine(&ev, logDir, t), index < 12 ? 1 : 0);
     }
-    // Communication lost, or no UPS data record: six "NoData" fields.
-    // Communication up: the meter summary, at midnight in the new day's file.
+    // Communication lost, or no UPS data record: six "NoData" fields. Communication up: the meter
+    // summary, at midnight in the new day's file.
     UpsDataBlock ups;
-    EVENTMSGINFO ev = meterEvent({});
+    EVENTMSGINFO ev = eventRecord(ThLog, EvMeterLog, {});
     const std::pair<int, UpsDataBlock*> runs[] = {{3, &ups}, {2, &ups}, {2, nullptr}};
-    for (int i = 0; i < 3; ++i) {
-        ctrl.Set_State_UPS(runs[i].first);
-        gUpsData = runs[i].second;
-        meter.writeLine(&ev, logDir, t + i);
-    }
+    for (int i = 0; i < 3; ++i)
+        ctrl.Set_State_UPS(runs[i].first), gUpsData = runs[i].second, meter.writeLine(&ev, logDir, t + i);
     const std::string noData = "\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\",\"NoData\"\n";
     ASSERT_NE(ups.getMeterMessage() + "\n", noData);
     EXPECT_EQ(readFile(logDir + "20261113.vlg"),
@@ -96,10 +86,8 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
     LogTh log(5, &ctrl, LogTh::Wiring{&gpMapConfig, nullptr, nullptr, &gUpsData}, &clock);
     clock.set(ManualClock::utc(2026, 11, 14, 6, 0, 0));
     writeFile(logDir + "20261001.vlg", "x\n");
-    for (int code : {EvMeterLog, EvLogDelete}) {
-        EVENTMSGINFO ev = eventRecord(5, code, {1});
+    for (EVENTMSGINFO ev : {eventRecord(5, EvMeterLog, {1}), eventRecord(5, EvLogDelete, {1})})
         log.writeLog(&ev);
-    }
     EXPECT_EQ(files(), (std::set<std::string>{"20261114.vlg"}));
     EXPECT_EQ(readFile(logDir + "20261114.vlg"), stamp("2026/11/14 06:00:00", clock.now()) + "\"Log stopped\"\n");
 
@@ -111,8 +99,6 @@ TEST_F(MeterLogTest, DeletionKeepsTheCutOffDayAndShortNames)
     EXPECT_EQ(meter.deleteExpired(logDir, ManualClock::utc(2026, 11, 14, 12, 0, 0)), 3);
     EXPECT_EQ(files(), (std::set<std::string>{"20261107.vlg", "20261114.vlg", "202611.log", "202610.log", "notes.txt",
                                               "20200101_dir"}));
-
-
     // Without an absolute "Path" nothing is deleted, wherever the sweep runs.
     writeFile(logDir + "20261001.vlg", "x\n");
     for (const char* path : {"", "relative/dir"}) {

@@ -1,6 +1,5 @@
-// The member's operator files in UTC: the bytes of "Controller.inf", the
-// shutdown log, and the start-up check of the controller list with its
-// controller log and a recording uninstall exchange.
+// The member's operator files in UTC: "Controller.inf", the shutdown log, and the start-up check of the
+// controller list with its controller log and a recording uninstall exchange.
 #include "operator/CreateMultiControllerFile.h"
 
 #include <gtest/gtest.h>
@@ -27,9 +26,7 @@ class ControllerFilesTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv("TZ", "UTC", 1);
-        tzset();
-        clock.set(ManualClock::utc(2026, 11, 23, 9, 5, 7));
+        setenv("TZ", "UTC", 1), tzset();
         CMCF::setClock(&clock);
         fs::create_directory(dir + "CONTROLLER"), fs::create_directory(dir + "SHUTDOWN");
     }
@@ -46,14 +43,13 @@ protected:
     {
         FileMap* m = nullptr;
         const int rc = CMCF::CheckControllerFile(address, 9862, dir, &config, &m, t, changed);
-        members.reset(m);
-        return rc;
+        return members.reset(m), rc;
     }
     std::string controllerLog() { return readFile(dir + "CONTROLLER/Controller.log"); }
 
     TempDir tmp{"cmcf_test."};
     std::string dir = tmp.path() + "/";
-    ManualClock clock;
+    ManualClock clock{ManualClock::utc(2026, 11, 23, 9, 5, 7)};
     FileMap config{dir + "Kestrava.ini"};
     std::unique_ptr<FileMap> members;
 };
@@ -67,8 +63,7 @@ TEST_F(ControllerFilesTest, ControllerInfRowsAndNamesBySlotStateAndDisplayType)
           "IPAddress4=ctrl-four\n");
     FileMap list(dir + "Membercnt.cfg");
     ShutCNT info{};
-    info.startShutdown = 1;
-    // 1: heard, power failed, output on, a command: its time is marked.
+    info.startShutdown = 1; // 1: heard, power failed, output on, a command: its time is marked.
     info.active[0] = 1, info.commStatus[0] = 1, info.pfStatus[0] = 1, info.outputStatus[0] = 1;
     info.commStatus[1] = 1; // 2: not in use: no row, no name, though it has a thread
     // 3: lost on low battery; a timing above 9999 drops the mark.
@@ -85,10 +80,8 @@ TEST_F(ControllerFilesTest, ControllerInfRowsAndNamesBySlotStateAndDisplayType)
               " 4 NotActive -    -       0     0      0       0\n\nUPSController Name\n  No.1 10.213.0.1\n"
               "  No.3 Office?[2J\n  No.4 ctrl-four\n");
 
-    // Rewritten whole, no temporary file left; a slot without a thread
-    // keeps its row but has no name.
-    info.startShutdown = 0;
-    info.active[2] = info.active[3] = 0;
+    // Rewritten whole, no temporary file left; a slot without a thread keeps its row but has no name.
+    info.startShutdown = info.active[2] = info.active[3] = 0;
     CMCF::WriteControllerInf(&info, dir.c_str(), &config, &list, [](int k) { return k == 0 ? -1 : 0; });
     EXPECT_EQ(readFile(dir + "CONTROLLER/Controller.inf"), "SHUTDOWN MODE : FEEDING\n" + head + "\nUPSController Name\n");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir + "CONTROLLER"), fs::directory_iterator()), 1);
@@ -99,9 +92,8 @@ TEST_F(ControllerFilesTest, ShutdownLogLinesAndAMissingDirectorySaidOnce)
     DG2_ShutdownTimming t = {60, 5, 120, 180, "stop", 1};
     CMCF::WriteShutdownLog(1, "10.213.0.1", 1, &t, dir.c_str());
     t.marker = 0;
-    CMCF::WriteShutdownLog(0, "bad\nname", 0, &t, dir.c_str());
-    CMCF::WriteShutdownLog(1, "c", 6, &t, dir.c_str());
-    CMCF::WriteShutdownLog(1, "c", 5, &t, dir.c_str());
+    for (int reason : {0, 6, 5}) // unknown reasons, then the timer's
+        CMCF::WriteShutdownLog(reason != 0, reason ? "c" : "bad\nname", reason, &t, dir.c_str());
     EXPECT_EQ(readFile(dir + "SHUTDOWN/202611_sh.log"),
               s + "Shutdown 10.213.0.1 Power Failure 60, 5, 120*, 180\n" + s + "Feeding bad?name Unknown 60, 5, 120, 180\n" +
                   s + "Shutdown c Unknown 60, 5, 120, 180\n" + s +
@@ -110,11 +102,9 @@ TEST_F(ControllerFilesTest, ShutdownLogLinesAndAMissingDirectorySaidOnce)
     // The directory missing: the line is skipped and said once.
     fs::remove_all(dir + "SHUTDOWN");
     testing::internal::CaptureStderr();
-    CMCF::WriteShutdownLog(1, "c", 1, &t, dir.c_str());
-    CMCF::WriteShutdownLog(1, "c", 1, &t, dir.c_str());
+    CMCF::WriteShutdownLog(1, "c", 1, &t, dir.c_str()), CMCF::WriteShutdownLog(1, "c", 1, &t, dir.c_str());
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("SHUTDOWN/202611_sh.log"), std::string::npos);
-    EXPECT_EQ(err.find('\n'), err.size() - 1);
+    EXPECT_TRUE(err.find("SHUTDOWN/202611_sh.log") != std::string::npos && err.find('\n') == err.size() - 1) << err;
 }
 
 TEST_F(ControllerFilesTest, StartUpCheckAddsRemovesAndReplacesControllers)
@@ -124,8 +114,8 @@ TEST_F(ControllerFilesTest, StartUpCheckAddsRemovesAndReplacesControllers)
           "CtrlIPAddress4=\nCtrlPort4=1\nMemberEntry4=1\nMyID4=@9\n",
           "IPAddress1=10.213.0.1\nPort1=9861\nIPAddress2=\nIPAddress3=ctrl-b\nPort3=9872\nIPAddress4=10.213.0.4\n"
           "Port4=9873\n");
-    // The uninstall exchange records its call: both going controllers in
-    // one call, at their old ports; the first confirms.
+    // The uninstall exchange records its call: both going controllers in one call, at their old ports;
+    // the first confirms.
     std::vector<std::string> calls;
     CMCF::setUninstaller([&](unsigned char n, char* addrs, unsigned short* ports, char* own, unsigned short ownPort,
                              unsigned char* results) {
@@ -137,9 +127,8 @@ TEST_F(ControllerFilesTest, StartUpCheckAddsRemovesAndReplacesControllers)
     bool changed = true;
     const int successes = CMCF::UninstallSuccesses();
     EXPECT_EQ(check("10.213.0.9", nullptr, &changed), 0);
-    EXPECT_EQ(CMCF::UninstallSuccesses(), successes + 1);
     ASSERT_NE(members, nullptr);
-    EXPECT_FALSE(changed);
+    EXPECT_TRUE(CMCF::UninstallSuccesses() == successes + 1 && !changed);
     EXPECT_EQ(calls, std::vector<std::string>{"10.213.0.9:9862 10.213.0.2:9870 10.213.0.3:9871"});
     EXPECT_EQ(controllerLog(), s + "Delete Controller (10.213.0.2)\n" + s + "Uninstall Success (10.213.0.2)\n" + s +
                                    "Delete Controller (10.213.0.3)\n" + s + "Uninstall Failure (10.213.0.3)\n" + s +
@@ -152,12 +141,11 @@ TEST_F(ControllerFilesTest, StartUpCheckAddsRemovesAndReplacesControllers)
              {"CtrlIPAddress4", "10.213.0.4"}, {"CtrlPort4", "9873"}, {"MemberEntry4", "0"}, {"MyID4", ""}})
         EXPECT_EQ(saved.getConf(kv.first), kv.second) << kv.first;
 
-    // Started again with the same list: nothing to do, nothing written.
+    // Started again with the same list: nothing to do, nothing written. The list missing: the error line,
+    // no map, a failure.
     const std::string log = controllerLog();
     EXPECT_EQ(check("10.213.0.9"), 0);
-    EXPECT_EQ(calls.size(), 1u);
-    EXPECT_EQ(controllerLog(), log);
-    // The list missing: the error line, no map, a failure.
+    EXPECT_TRUE(calls.size() == 1 && controllerLog() == log);
     fs::remove(dir + "Membercnt.cfg");
     EXPECT_EQ(check("10.213.0.9"), 1);
     EXPECT_EQ(members, nullptr);
@@ -188,8 +176,7 @@ TEST_F(ControllerFilesTest, StartUpCheckLeavesSlotsInErrorUnusedAndKeepsTheirKey
         EXPECT_EQ(members->getConf(kv.first), kv.second) << kv.first;
     EXPECT_EQ(config.getConf("CtrlIPAddress1") + " " + config.getConf("CtrlIPAddress3"), "10.213.0.1 10.213.0.3");
 
-    // Two slots naming the same controller: the second is dropped; no
-    // controller at all: the same line, and every followed one goes.
+    // Two slots naming the same controller: the second is dropped; none at all: the same line, all go.
     const std::string none = s + "There is none of IP Address or same it\n";
     writeFile(dir + "Membercnt.cfg", "IPAddress1=10.213.0.1\nPort1=9861\nIPAddress2=10.213.0.1\nPort2=9861\n");
     fs::remove(dir + "CONTROLLER/Controller.log");
@@ -207,10 +194,8 @@ TEST_F(ControllerFilesTest, ReceivedTimingAndCommandFollowTheAcceptanceKeys)
 {
     // Whether the controller's timing and command are taken: {keys, changed, command}.
     const std::tuple<std::string, bool, std::string> cases[] = {
-        {"", true, "rm -rf /"},                                            // the controller's command: a change
-        {"AcceptControllerCommand=0\n", false, "/usr/bin/own"},              // own command; timing equal
-        {"AcceptControllerTiming=0\nWinkTime1=1\n", false, "/usr/bin/own"}, // own timing, never changed
-    };
+        {"", true, "rm -rf /"}, {"AcceptControllerCommand=0\n", false, "/usr/bin/own"}, // timing equal
+        {"AcceptControllerTiming=0\nWinkTime1=1\n", false, "/usr/bin/own"}};          // own timing, never changed
     for (const auto& [keys, expectChanged, command] : cases) {
         setUp(keys + "WinkTime1=60\nShutdownTime1=5\nAppTermTimeOut1=120\nShutdownDelay1=180\n"
                      "AppTermCommand1=/usr/bin/own\n",
@@ -219,11 +204,8 @@ TEST_F(ControllerFilesTest, ReceivedTimingAndCommandFollowTheAcceptanceKeys)
         DG2_ShutdownTimming t{};
         bool changed = !expectChanged;
         check("*", &t, &changed);
-        EXPECT_EQ(changed, expectChanged) << keys;
-        EXPECT_EQ(std::string(t.appTermCommand) + " " + std::to_string(t.winkTime) + " " +
-                      std::to_string(t.shutdownDelay),
-                  command + " 60 180")
-            << keys;
+        EXPECT_EQ(std::to_string(changed) + " " + t.appTermCommand + " " + std::to_string(t.winkTime) + " " +
+                      std::to_string(t.shutdownDelay), std::to_string(expectChanged) + " " + command + " 60 180") << keys;
     }
 }
 

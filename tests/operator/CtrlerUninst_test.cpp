@@ -1,5 +1,5 @@
-// The uninstall exchange on the in-memory network in virtual time (each pause
-// lets the controllers answer), against our controller and scripted ones.
+// The uninstall exchange on the in-memory network in virtual time (each pause lets the controllers
+// answer), against our controller and scripted ones.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -54,8 +54,7 @@ struct Exchange {
     {
         controllers.emplace_back(new Controller{net.socket(), std::move(answer), {}});
         Controller& c = *controllers.back();
-        EXPECT_EQ(c.socket->open(), UdpStatus::Ok);
-        EXPECT_EQ(c.socket->bind(address, port), UdpStatus::Ok);
+        EXPECT_TRUE(c.socket->open() == UdpStatus::Ok && c.socket->bind(address, port) == UdpStatus::Ok);
         return c;
     }
     int run(const std::vector<std::pair<std::string, uint16_t>>& list)
@@ -85,7 +84,6 @@ struct Exchange {
                 out.push_back(d.bytes);
         return out;
     }
-    Ints resultList(size_t n) const { return Ints(results, results + n); }
 };
 
 // Answers 129 and 130 with the given results under the name 127.0.0.1.
@@ -118,12 +116,11 @@ Bytes expectedRequest(uint8_t msg)
 
 TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgetsTheMember)
 {
-    // Named by its address, or by an identity text the member does not know
-    // (then the reply is matched by where it came from).
+    // Named by its address, or by an identity text the member does not know (then the reply is matched
+    // by where it came from).
     for (const char* name : {"127.0.0.1", "*ABCD"}) {
-        std::string ini = ControllerProtocolRig::defaultIni();
-        ini.replace(ini.find("IPAddress=127.0.0.1"), 19, std::string("IPAddress=") + name);
-        ControllerProtocolRig rig(ini);
+        ControllerProtocolRig rig(ControllerProtocolRig::with(ControllerProtocolRig::defaultIni(), "IPAddress=127.0.0.1",
+                                                              std::string("IPAddress=") + name));
         rig.receive(ControllerProtocolRig::registration(kOwn, 3069), kOwn, 3069);
         rig.transmit();
         ASSERT_NE(rig.slotOf(kOwn), 0);
@@ -136,8 +133,7 @@ TEST(CtrlerUninst, OurControllerConfirmsInTheFirstPassWithTwoDatagramsAndForgets
                 out.push_back(rec.msg);
             return out;
         });
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0) << name;
-        EXPECT_EQ(x.resultList(1), Ints{0}) << name;
+        EXPECT_EQ(Ints({x.run({{"127.0.0.1", 3052}}), x.results[0]}), Ints({0, 0})) << name;
         EXPECT_EQ(x.sentByMember(), (std::vector<Bytes>{expectedRequest(129), expectedRequest(130)})) << name;
         EXPECT_LT(x.pauses, CtrlerUninst::kPolls) << "done within the first pass";
         EXPECT_EQ(rig.slotOf(kOwn), 0) << "the controller forgot the member";
@@ -149,8 +145,7 @@ TEST(CtrlerUninst, ARefusingControllerGetsNo130AndASilentOneFour129sOverFourPass
     Exchange x;
     Controller& refusing = x.add("127.0.0.1", 3052, scripted(255));
     Controller& quiet = x.add("127.0.0.2", 3052, nullptr);
-    EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 0);
-    EXPECT_EQ(x.resultList(2), Ints({1, 1}));
+    EXPECT_EQ(Ints({x.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), x.results[0], x.results[1]}), Ints({0, 1, 1}));
     EXPECT_EQ(refusing.received, Ints{129});
     EXPECT_EQ(quiet.received, Ints(4, 129));
     EXPECT_EQ(x.pauses, kAllPasses);
@@ -158,9 +153,7 @@ TEST(CtrlerUninst, ARefusingControllerGetsNo130AndASilentOneFour129sOverFourPass
     // A 130 answered with 255: seen, but not removed.
     Exchange y;
     y.add("127.0.0.1", 3052, scripted(0, 255));
-    EXPECT_EQ(y.run({{"127.0.0.1", 3052}}), 0);
-    EXPECT_EQ(y.resultList(1), Ints{1});
-    EXPECT_EQ(y.sentByMember().size(), 2u);
+    EXPECT_EQ(Ints({y.run({{"127.0.0.1", 3052}}), y.results[0], int(y.sentByMember().size())}), Ints({0, 1, 2}));
 }
 
 TEST(CtrlerUninst, ControllersSharingAnAddressTextEachTakeOnlyTheirOwnReply)
@@ -169,8 +162,8 @@ TEST(CtrlerUninst, ControllersSharingAnAddressTextEachTakeOnlyTheirOwnReply)
         Exchange x;
         Controller& a = x.add("127.0.0.1", 3052, firstAnswers ? scripted(0) : nullptr);
         Controller& b = x.add("127.0.0.1", 3053, scripted(0));
-        EXPECT_EQ(x.run({{"127.0.0.1", 3052}, {"127.0.0.1", 3053}}), 0);
-        EXPECT_EQ(x.resultList(2), Ints({firstAnswers ? 0 : 1, 0}));
+        EXPECT_EQ(Ints({x.run({{"127.0.0.1", 3052}, {"127.0.0.1", 3053}}), x.results[0], x.results[1]}),
+                  Ints({0, firstAnswers ? 0 : 1, 0}));
         EXPECT_EQ(a.received, firstAnswers ? Ints({129, 130}) : Ints(4, 129));
         EXPECT_EQ(b.received, Ints({129, 130}));
     }
@@ -178,13 +171,11 @@ TEST(CtrlerUninst, ControllersSharingAnAddressTextEachTakeOnlyTheirOwnReply)
 
 TEST(CtrlerUninst, JunkAndStrangersAreIgnoredAndNoSocketMeansEveryResultFails)
 {
-    // Around a silent controller: a header cut short, a wrong magic, a
-    // member's datagram and a reply under another name from elsewhere.
+    // Around a silent controller: a header cut short, a wrong magic, a member's datagram and a reply
+    // under another name from elsewhere.
     Exchange x;
     x.add("127.0.0.1", 3052, nullptr);
-    auto stranger = x.net.socket();
-    stranger->open();
-    stranger->bind("127.0.0.9", 3052);
+    UdpSocket& stranger = *x.add("127.0.0.9", 3052, nullptr).socket;
     const DG2Builder reply =
         DG2Builder(DG2::MsgPresence).result(0).from("127.0.0.1", DG2::KindControllerAlt).to(kOwn, DG2::KindMember);
     const std::vector<std::string> junk = {
@@ -193,27 +184,22 @@ TEST(CtrlerUninst, JunkAndStrangersAreIgnoredAndNoSocketMeansEveryResultFails)
         DG2Builder(reply).from("127.0.0.9", DG2::KindController).wire()};
     x.onPause = [&] {
         for (const std::string& j : junk)
-            stranger->send(j.data(), j.size(), kOwn, 3069);
+            stranger.send(j.data(), j.size(), kOwn, 3069);
     };
-    EXPECT_EQ(x.run({{"127.0.0.1", 3052}}), 0);
-    EXPECT_EQ(x.resultList(1), Ints{1});
+    EXPECT_EQ(Ints({x.run({{"127.0.0.1", 3052}}), x.results[0]}), Ints({0, 1}));
     EXPECT_EQ(x.sentByMember(), std::vector<Bytes>(4, expectedRequest(129)));
 
-    // The member's port taken: every result fails, nothing sent. A send
-    // error (no controller address) counts like a send.
+    // The member's port taken: every result fails, nothing sent. A send error (no controller address)
+    // counts like a send.
     Exchange z;
-    auto holder = z.net.socket();
-    holder->open();
-    holder->bind(kOwn, 3069);
+    UdpSocket& holder = *z.add(kOwn, 3069, nullptr).socket;
     testing::internal::CaptureStderr();
     EXPECT_EQ(z.run({{"127.0.0.1", 3052}, {"127.0.0.2", 3052}}), 1);
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(z.resultList(4), Ints({1, 1, 9, 9}));
-    EXPECT_TRUE(z.net.sent().empty());
-    EXPECT_EQ(z.pauses, 0);
-    holder->close();
+    EXPECT_EQ(Ints(z.results, z.results + 4), Ints({1, 1, 9, 9}));
+    EXPECT_TRUE(z.net.sent().empty() && z.pauses == 0);
+    holder.close();
     EXPECT_EQ(z.run({{"", 3052}}), 0);
-    EXPECT_EQ(z.resultList(1), Ints{1});
-    EXPECT_EQ(z.pauses, kAllPasses);
+    EXPECT_EQ(Ints({z.results[0], z.pauses}), Ints({1, kAllPasses}));
     EXPECT_EQ(z.run({}), 0);
 }

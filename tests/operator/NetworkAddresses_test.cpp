@@ -3,42 +3,29 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <sched.h>
 #include <string>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #include "tests/fakes/ChildProcess.h"
 #include "tests/fakes/TempDir.h"
 
 namespace {
 
-// The listing as (address, broadcast) pairs; with no address, the one
-// broadcast address it reports instead, paired with "".
-std::vector<std::pair<std::string, std::string>> addresses()
-{
-    char addrs[64][32] = {}, bcasts[64][32] = {};
-    unsigned short n = GetNowIPAddr_And_BroadCastAddr(addrs, bcasts);
-    std::vector<std::pair<std::string, std::string>> out;
-    for (unsigned short i = 0; i < std::max<unsigned short>(n, 1); ++i)
-        out.emplace_back(n ? addrs[i] : "", bcasts[i]);
-    return out;
-}
-
-// The listing after `setup` in a child's fresh network namespace, as
-// "address/broadcast;..."; "skip" without namespaces.
+// The listing after `setup` in a child's fresh network namespace, as "address/broadcast;..." (with no
+// address: "/" and the one broadcast address it reports instead); "skip" without namespaces.
 std::string listingInNamespace(const char* setup)
 {
     TempDir tmp("netaddr_test.");
     ChildRun r = runChild(tmp.path(), [&] {
         if (unshare(CLONE_NEWNET) != 0 || system(setup) != 0)
             _exit(3);
-        for (const auto& a : addresses())
-            printf("%s/%s;", a.first.c_str(), a.second.c_str());
+        char addrs[64][32] = {}, bcasts[64][32] = {};
+        const unsigned short n = GetNowIPAddr_And_BroadCastAddr(addrs, bcasts);
+        for (unsigned short i = 0; i < (n ? n : 1); ++i)
+            printf("%s/%s;", n ? addrs[i] : "", bcasts[i]);
         fflush(stdout);
     });
     return r.status == 3 ? "skip" : r.status == 0 ? r.out : "child failed";
