@@ -230,6 +230,25 @@ for gone in log CONTROLLER MembInfo.dat membCommInfo.tmp Kestrava.ini.tmp.12.0; 
 done
 check "purge removed the daemon (dpkg's own file)" test -f "$home/kestrava"
 
+# The same scripts run by dpkg itself into an empty root: remove keeps the
+# configuration and the logs, purge takes both.
+droot="$work/droot"
+mkdir -p "$droot/var/lib/dpkg/info" "$droot/var/lib/dpkg/updates"
+touch "$droot/var/lib/dpkg/status"
+dpkg_root() {
+    PATH="$work/fakebin:$PATH" dpkg --root="$droot" --force-script-chrootless --force-depends --force-not-root \
+        "$@" >"$work/dpkg.out" 2>&1 || fail "dpkg $*: $(cat "$work/dpkg.out")"
+}
+dpkg_root -i "$deb"
+expect_mode 600 "$droot/opt/kestrava/Kestrava.ini"
+mkdir -p "$droot/opt/kestrava/log"
+touch "$droot/opt/kestrava/log/202611.log"
+dpkg_root -r kestrava
+check "dpkg -r removed the configuration or the logs" \
+    test -f "$droot/opt/kestrava/Kestrava.ini" -a -f "$droot/opt/kestrava/log/202611.log" -a ! -e "$droot/opt/kestrava/kestrava"
+dpkg_root -P kestrava
+check "dpkg -P left the home directory: $(ls -A "$droot/opt/kestrava" 2>&1)" test ! -e "$droot/opt/kestrava"
+
 echo "== the installed daemon against the simulated UPS (at ${SECONDS}s)"
 x="$work/x"
 dpkg -x "$deb" "$x" || fail "dpkg -x failed"
