@@ -67,10 +67,11 @@ const ConfigKey kTable[] = {
     {"IPAddress", 0, 0, kIni, kBoth,
      "This host's IPv4 address on the coordination network, which names it in every datagram; * listens on every "
      "address.",
-     "IPv4 address or *", "the coordination socket is not bound: nothing is sent or received"},
-    {"MemberPort", 0, 0, kIni, kBoth,
-     "UDP port the members listen on; the same value on a controller and all its members.", "port",
-     "0, no member can be reached"},
+     "IPv4 address or *", "as *, the coordination socket listens on every address"},
+    {"MemberPort", 0, 0, kIni, kMemb,
+     "UDP port this member listens on and gives its controllers when it registers (a controller keeps it only "
+     "for reference).",
+     "port", "0: the member listens on a port the kernel picks and registers with port 0"},
     {"CtrlPort%d", 1, 4, kIni, kBoth,
      "On a controller CtrlPort1 is the UDP port it listens on; on a member, the port of the controller followed "
      "in slot n (copied from Port<n> of Membercnt.cfg at each start).",
@@ -154,8 +155,8 @@ const ConfigKey kTable[] = {
     {"ShutdownDelay", 0, 0, kMem, kMemb, "Shutdown delay last received from a controller (written by the daemon).",
      "seconds", "nothing received yet"},
     {"AppTermCommand", 0, 0, kMem, kMemb,
-     "Application command last received from a controller (written by the daemon only with "
-     "AcceptControllerCommand=1).",
+     "Application command last received from a controller (written by the daemon unless "
+     "AcceptControllerCommand=0).",
      "text", "nothing received yet"},
     {"ShutdownControl", 0, 0, kMem, kMemb, "Kept for older files; this version does not read it.", "text",
      "no effect"},
