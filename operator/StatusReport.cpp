@@ -252,7 +252,7 @@ const char* const kAlarmNames[kAlarmTableRows] = {
 };
 
 // The meters the status shows when the UPS's meter map has them: XCP meter
-// number, item key, text label and unit.
+// number and item key.
 struct MeterItem {
     int meter;
     const char* key;
