@@ -204,7 +204,7 @@ TEST_F(CuiIFThTest, KeysThatRunProgramsOrNameFilesAreRefusedUnlessTheOperatorOpt
     EXPECT_EQ(config.getConf("CuiAllowCommandKeys"), "1");
 }
 
-TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsHandsAcceptFailuresToMainAndTheClientTimesOut)
+TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsAndHandsAcceptFailuresToMain)
 {
     EXPECT_EQ(boundAddress(server.listenSocket()), "127.0.0.1");
     EXPECT_TRUE(fcntl(server.listenSocket(), F_GETFD) & FD_CLOEXEC);
@@ -234,14 +234,6 @@ TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsHandsAcceptFailuresToM
     shutdown(server.listenSocket(), SHUT_RDWR);
     EXPECT_TRUE(waitFor([] { return FatalStop::requested(); }, 5, 20));
     EXPECT_EQ(FatalStop::status(), 1);
-
-    // The console client gives up on a port that listens but never answers.
-    int fd2 = -1;
-    int silent = freePort(&fd2);
-    ChildRun r = runProgram(tmp.path(), {kConsole, "--timeout", "1", "--port", std::to_string(silent), "set", "A", "b"});
-    close(fd2);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
     EXPECT_EQ(runProgram(tmp.path(), {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
 }
 
@@ -283,11 +275,6 @@ TEST_F(CuiIFThTest, StatusIsAnsweredReadOnlyAndTheClientShowsItWithAMonitoringEx
     ChildRun r = runProgram(tmp.path(), {kConsole, "--port", portArg, "status"});
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.out.find("Power: on battery\nAlarms: 59 Utility not present\n"), std::string::npos) << r.out;
-    r = runProgram(tmp.path(), {kConsole, "--port", portArg, "status", "--json"});
-    EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_NE(r.out.find("\"alarms\": [{\"number\": 59, \"level\": 8, \"name\": \"Utility not present\""),
-              std::string::npos)
-        << r.out;
 
     // Power back: 0 for the monitoring check.
     ups.setActionLevel(&off, 1, 0);
@@ -309,6 +296,7 @@ TEST_F(CuiIFThTest, StatusIsAnsweredReadOnlyAndTheClientShowsItWithAMonitoringEx
     close(silentFd);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("does not answer \"status\""), std::string::npos) << r.err;
 }
 
