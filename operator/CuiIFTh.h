@@ -54,9 +54,6 @@ public:
     // The value of "CuiAddress" as a bind address (network byte order):
     // false for an invalid text, which leaves *addr unchanged.
     static bool parseListenAddress(const std::string& text, in_addr_t* addr);
-    // Replaces where the status report reads (before the thread starts; for
-    // tests: a manual clock, another shutdown command).
-    void setStatusSources(const StatusReport::Sources& sources) { mStatus = sources; }
     // Replaces the idle time-out (before the thread starts; for tests).
     void setIdleTimeout(int ms) { mIdleTimeoutMs = ms; }
     // The listening socket (-1 until InitSock made it).
