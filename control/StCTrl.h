@@ -111,6 +111,9 @@ public:
     void getShutdownTiming(int k);
 
     PowerRecord& power(int k) { return mPower[k & 3]; }
+    // Copies of slot k's power record and settings taken under the rules'
+    // lock (slot 0), for readers outside the rules (the console's status).
+    void slotSnapshot(int k, PowerRecord* p, Settings* s) { mMutex.Lock(0); *p = mPower[k & 3]; *s = mSettings[k & 3]; mMutex.unLock(0); }
     time_t now() const { return mNow; }
     void refreshNow();
 

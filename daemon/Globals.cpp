@@ -25,7 +25,7 @@ XcpIFTh gCXcpIfThread(ThXcpIF);
 LogTh gCLogThread(ThLog, &gCStCtrl,
                   LogTh::Wiring{&gpMapConfig, &gpMapMessage, &gpm_Memcnt, &gUpsData, &gHomeDir, g_pMemberTh, nullptr});
 PowerTh gPowerThread(ThPower, &gCStCtrl);
-CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig);
+CuiIFTh gCCuiIFThread(ThCui, &gCStCtrl, &gpMapConfig, &gUpsData, &gIpcData);
 IpcIFTh gIpcIfThread(ThIpcIF, IpcIFTh::Wiring{&gCStCtrl, &gIpcData, &gpMapConfig, &gpm_Memcnt, {}, {}, nullptr});
 IpcCTrlCTh gIpcCTrlCThread(ThCtrlSlot0, &gCStCtrl, IpcCTrlCTh::Wiring{&gIpcData, &gpMapConfig, &gUpsData, nullptr});
 IpcCTrlMTh gIpcCTrlMThread1(ThCtrlSlot0, &gCStCtrl, IpcCTrlMTh::Wiring{&gIpcData, &gpMapConfig, &gpm_Memcnt, &gUpsData, nullptr, {}});

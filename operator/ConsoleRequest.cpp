@@ -45,6 +45,11 @@ ConsoleRequest ConsoleRequest::decode(const void* data, size_t size, bool allowC
         req.kind = Presence;
         return req;
     }
+    // The status request reads only: its key and value are not looked at.
+    if (rec.command == CmdStatus) {
+        req.kind = Status;
+        return req;
+    }
     if (rec.command != CmdSetConf) {
         req.kind = Ignore;
         return req;

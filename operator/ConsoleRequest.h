@@ -24,8 +24,10 @@ public:
     enum {
         CmdPresence = 1,  // answered with CmdAnswer
         CmdSetConf = 10,  // store key = value, save, answer with CmdAnswer
+        CmdStatus = 20,   // read-only: answered with CmdStatusItem records, then CmdAnswer
         CmdAnswer = 128,
         CmdRefused = 129, // answer to a refused request; its value says why
+        CmdStatusItem = 130, // one item of the status: key = name, value = text
     };
 
     enum Kind {
@@ -34,6 +36,7 @@ public:
         Presence, // answer CmdAnswer
         SetConf,  // store key and value, save, answer CmdAnswer
         Refused,  // answer CmdRefused with `reason`; nothing is stored
+        Status,   // answer with the status items; nothing is stored
     };
 
     // The key that lets the console change the keys of isCommandKey; it is

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <vector>
 
 #include "config/FileMap.h"
 #include "control/Codes.h"
@@ -16,9 +17,12 @@
 #include "control/Records.h"
 #include "control/StCTrl.h"
 
-CuiIFTh::CuiIFTh(int number, StCTrl* ctrl, FileMap** config)
+CuiIFTh::CuiIFTh(int number, StCTrl* ctrl, FileMap** config, UpsDataBlock** ups, IpcData** members)
     : tthread(number), mCtrl(ctrl), mConfig(config), mListenSock(-1), mConnSock(-1), mStop(false), mListenAddr(htonl(INADDR_ANY))
 {
+    mStatus.ctrl = ctrl;
+    mStatus.ups = ups;
+    mStatus.members = members;
 }
 
 CuiIFTh::~CuiIFTh()
@@ -174,6 +178,13 @@ int CuiIFTh::Attend()
             return 0;
         if (req.kind == ConsoleRequest::Ignore)
             continue;
+        if (req.kind == ConsoleRequest::Status) {
+            // Read-only: a snapshot of the live values, nothing stored.
+            const std::vector<CUIMSGINFO> records = StatusReport::toRecords(StatusReport::collect(mStatus));
+            if (!sendAll(conn, records.data(), records.size() * sizeof(CUIMSGINFO)))
+                return 0;
+            continue;
+        }
         if (req.kind == ConsoleRequest::Refused)
             report("refused to set \"" + req.key + "\": " + req.reason);
         if (req.kind == ConsoleRequest::SetConf && config()) {
@@ -185,6 +196,28 @@ int CuiIFTh::Attend()
         if (req.kind == ConsoleRequest::SetConf)
             SetConfNotify(req.key);
     }
+}
+
+bool CuiIFTh::sendAll(int conn, const void* data, size_t size)
+{
+    const char* p = static_cast<const char*>(data);
+    while (size > 0) {
+        // A client that asks and never reads must not hold the thread.
+        struct pollfd w = {conn, POLLOUT, 0};
+        int ready = poll(&w, 1, mIdleTimeoutMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
+        ssize_t n = send(conn, p, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 void CuiIFTh::SetConfNotify(std::string key)

@@ -1,7 +1,8 @@
 // CuiIFTh: the console interface thread (number 6). Serves the local
-// console tool over TCP, one connection at a time: presence checks and
-// changes of configuration keys, which are stored, saved, answered and
-// handed to the controller core when they must act at once.
+// console tool over TCP, one connection at a time: presence checks, the
+// read-only status report, and changes of configuration keys, which are
+// stored, saved, answered and handed to the controller core when they must
+// act at once.
 #pragma once
 
 #include <atomic>
@@ -11,15 +12,19 @@
 
 #include "core/tthread.h"
 #include "operator/ConsoleRequest.h"
+#include "operator/StatusReport.h"
 
 class FileMap;
+class IpcData;
 class StCTrl;
+class UpsDataBlock;
 
 class CuiIFTh : public tthread {
 public:
     enum {
         CmdPresence = 1,  // answered with CmdAnswer
         CmdSetConf = 10,  // store key = value, save, answer with CmdAnswer
+        CmdStatus = ConsoleRequest::CmdStatus, // answered with status items, then CmdAnswer
         CmdAnswer = 128,
         CmdRefused = ConsoleRequest::CmdRefused, // the request was refused; nothing stored
     };
@@ -28,8 +33,10 @@ public:
 
     // ctrl: the controller core that receives the change notifications.
     // config: the address of the configuration map pointer that start-up
-    // fills (the map whose keys the console reads and changes).
-    CuiIFTh(int number, StCTrl* ctrl, FileMap** config);
+    // fills (the map whose keys the console reads and changes). ups and
+    // members: the addresses of the UPS data and member table pointers that
+    // the status report reads (null: not shown).
+    CuiIFTh(int number, StCTrl* ctrl, FileMap** config, UpsDataBlock** ups = nullptr, IpcData** members = nullptr);
     ~CuiIFTh() override;
 
     // Creates the listening socket on the address "CuiAddress" (127.0.0.1
@@ -68,6 +75,11 @@ private:
     std::atomic<bool> mStop;
     in_addr_t mListenAddr; // network byte order; set by InitSock from "CuiAddress"
     int mIdleTimeoutMs = kIdleTimeoutMs;
+    StatusReport::Sources mStatus;
+
+    // Sends the whole buffer within the idle time-out; false when the peer
+    // does not take it in time or the connection failed.
+    bool sendAll(int conn, const void* data, size_t size);
 
     // A line for the system log and standard error: refused requests, idle
     // connections, an invalid address, a port that cannot be bound.

@@ -48,14 +48,43 @@ protected:
         return waitFor([&] { return findTaken(frameLog(), "35", mark) >= 0; }, 30) ? time(nullptr) : 0;
     }
 
+    // kestrava-console status against the daemon (args after "status").
+    ChildRun status(const std::vector<std::string>& more = {})
+    {
+        std::vector<std::string> args = {KESTRAVA_BINARY_DIR "/kestrava-console", "--config", home + "Kestrava.ini",
+                                         "status"};
+        args.insert(args.end(), more.begin(), more.end());
+        return runProgram(home, args);
+    }
+
     std::string appRuns = home + "app-runs", shutdownRuns = home + "shutdown-runs";
 };
 
 // Power back inside the countdown cancels it; the next loss runs to the end.
 TEST_F(PowerFailure, PowerBackCancelsTheCountdownAndTheNextLossEndsInPowerOffAndHostShutdown)
 {
+    // The console's status: on utility, exit 0 for a monitoring check.
+    ChildRun st = status();
+    EXPECT_EQ(st.status, 0) << st.out << st.err;
+    EXPECT_NE(st.out.find("UPS: Kestrava SimUPS 1500 ("), std::string::npos) << st.out;
+    EXPECT_NE(st.out.find("Power: on utility\nBattery: "), std::string::npos) << st.out;
+
     const time_t reported = raiseUtilityFailure();
     ASSERT_GT(reported, 0) << "no poll after the alarm was raised";
+    // The alarm by name, on battery, the wink or countdown, exit 1 (once
+    // the poll's result has gone through the rules); the JSON form parses.
+    EXPECT_TRUE(waitFor([&] {
+        st = status();
+        return st.out.find("Power: on battery\n") != std::string::npos &&
+               st.out.find("Alarms: 59 Utility not present\nCountdown: controller 1: ") != std::string::npos;
+    }, 10)) << st.out;
+    EXPECT_EQ(st.status, 1);
+    if (access("/usr/bin/python3", X_OK) == 0) {
+        ChildRun json = runProgram(home, {"/bin/sh", "-c", KESTRAVA_BINARY_DIR "/kestrava-console --config " + home +
+                                                               "Kestrava.ini status --json | /usr/bin/python3 -m json.tool"});
+        EXPECT_EQ(json.status, 0) << json.err;
+        EXPECT_NE(json.out.find("\"name\": \"Utility not present\""), std::string::npos) << json.out;
+    }
     std::this_thread::sleep_for(std::chrono::seconds(20));
     ASSERT_TRUE(simCommand("alarm clear 59"));
     // Past the moment the countdown would have ended, with room to spare.

@@ -22,6 +22,7 @@
 #include "tests/fakes/EventRecords.h"
 #include "tests/fakes/ManualClock.h"
 #include "tests/fakes/TempDir.h"
+#include "xcp/UpsDataBlock.h"
 
 namespace {
 
@@ -203,7 +204,7 @@ TEST_F(CuiIFThTest, KeysThatRunProgramsOrNameFilesAreRefusedUnlessTheOperatorOpt
     EXPECT_EQ(config.getConf("CuiAllowCommandKeys"), "1");
 }
 
-TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsHandsAcceptFailuresToMainAndTheClientTimesOut)
+TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsAndHandsAcceptFailuresToMain)
 {
     EXPECT_EQ(boundAddress(server.listenSocket()), "127.0.0.1");
     EXPECT_TRUE(fcntl(server.listenSocket(), F_GETFD) & FD_CLOEXEC);
@@ -233,15 +234,70 @@ TEST_F(CuiIFThTest, ListensOnLoopbackClosesIdleConnectionsHandsAcceptFailuresToM
     shutdown(server.listenSocket(), SHUT_RDWR);
     EXPECT_TRUE(waitFor([] { return FatalStop::requested(); }, 5, 20));
     EXPECT_EQ(FatalStop::status(), 1);
-
-    // The console client gives up on a port that listens but never answers.
-    int fd2 = -1;
-    int silent = freePort(&fd2);
-    ChildRun r = runProgram(tmp.path(), {kConsole, "--timeout", "1", "--port", std::to_string(silent), "set", "A", "b"});
-    close(fd2);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
     EXPECT_EQ(runProgram(tmp.path(), {kConsole, "--port", "1", "set", "Key", "two\nlines"}).status, 2);
+}
+
+TEST_F(CuiIFThTest, StatusIsAnsweredReadOnlyAndTheClientShowsItWithAMonitoringExitStatus)
+{
+    // A UPS that supports alarm 59 (utility not present), which is active.
+    UpsDataBlock ups(&clock);
+    UpsDataBlock* upsPtr = &ups;
+    const unsigned char map[8] = {0, 0, 0, 0, 0, 0, 0, 0x08};
+    ups.setAlarmNo(map, 8, 0);
+    const unsigned char on = 1, off = 0;
+    ups.setActionLevel(&on, 1, 0);
+    ups.checkAlarm(0);
+    const int statusPort = freePort();
+    config.setConf("CuiPort", std::to_string(statusPort));
+    CuiIFTh status(6, &ctrl, &gpMapConfig, &upsPtr);
+    ASSERT_TRUE(status.st());
+    ASSERT_TRUE(waitFor([&] { return status.listenSocket() >= 0; }, 10, 20));
+
+    // The request's key and value are not looked at: nothing is stored.
+    const std::string before = readFile(ini);
+    int fd = connectTo(statusPort);
+    CUIMSGINFO req = record(20, "DumpLogRate", "99");
+    ASSERT_EQ(send(fd, &req, sizeof req, MSG_NOSIGNAL), 260);
+    std::vector<std::string> keys;
+    CUIMSGINFO answer{};
+    while (recv(fd, &answer, sizeof answer, MSG_WAITALL) == sizeof answer && answer.command == 130 && keys.size() < 100)
+        keys.push_back(std::string(answer.key) + "=" + answer.value);
+    EXPECT_EQ(answer.command, 128);
+    EXPECT_EQ(keys, (std::vector<std::string>{"role=controller", "ups.state=communicating", "ups.power=battery",
+                                              "alarm=59 8 Utility not present"}));
+    EXPECT_EQ(ask(fd, 1), 128); // the connection serves the next request
+    close(fd);
+    EXPECT_EQ(readFile(ini), before);
+    EXPECT_EQ(config.getConf("DumpLogRate"), "5");
+    EXPECT_EQ(ctrl.queuedEvents(), 0u);
+
+    const std::string portArg = std::to_string(statusPort);
+    ChildRun r = runProgram(tmp.path(), {kConsole, "--port", portArg, "status"});
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.out.find("Power: on battery\nAlarms: 59 Utility not present\n"), std::string::npos) << r.out;
+
+    // Power back: 0 for the monitoring check.
+    ups.setActionLevel(&off, 1, 0);
+    ups.checkAlarm(0);
+    r = runProgram(tmp.path(), {kConsole, "--port", portArg, "status"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Power: on utility\nAlarms: none\nCountdown: none\n"), std::string::npos) << r.out;
+    status.requestStop();
+    EXPECT_FALSE(status.sp());
+
+    // 2 when no daemon listens, or when it never answers the request (a
+    // daemon that does not know it), with the reason on standard error.
+    r = runProgram(tmp.path(), {kConsole, "--port", portArg, "status"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("no daemon listens"), std::string::npos) << r.err;
+    int silentFd = -1;
+    const int silent = freePort(&silentFd);
+    r = runProgram(tmp.path(), {kConsole, "--timeout", "1", "--port", std::to_string(silent), "status", "--json"});
+    close(silentFd);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("no answer from the daemon within 1 s"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("does not answer \"status\""), std::string::npos) << r.err;
 }
 
 } // namespace

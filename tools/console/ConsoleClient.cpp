@@ -104,26 +104,9 @@ int ConsoleClient::exchange(const CUIMSGINFO& request, std::string* error)
     }
 
     CUIMSGINFO answer;
-    memset(&answer, 0, sizeof answer);
-    size_t got = 0;
-    const long long deadline = monotonicMs() + mTimeoutSeconds * 1000LL;
-    while (got < sizeof answer) {
-        int ready = waitFor(fd, POLLIN, deadline);
-        if (ready <= 0) {
-            *error = "no answer from the daemon within " + std::to_string(mTimeoutSeconds) +
-                     " s (another console session may be open)";
-            close(fd);
-            return 1;
-        }
-        ssize_t n = recv(fd, reinterpret_cast<char*>(&answer) + got, sizeof answer - got, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            *error = "the daemon closed the connection without an answer";
-            close(fd);
-            return 1;
-        }
-        got += static_cast<size_t>(n);
+    if (readRecord(fd, &answer, monotonicMs() + mTimeoutSeconds * 1000LL, error) != 0) {
+        close(fd);
+        return 1;
     }
     close(fd);
     if (answer.command == CuiIFTh::CmdRefused) {
@@ -140,6 +123,75 @@ int ConsoleClient::exchange(const CUIMSGINFO& request, std::string* error)
         return 1;
     }
     return 0;
+}
+
+int ConsoleClient::readRecord(int fd, CUIMSGINFO* rec, long long deadline, std::string* error)
+{
+    memset(rec, 0, sizeof *rec);
+    size_t got = 0;
+    while (got < sizeof *rec) {
+        int ready = waitFor(fd, POLLIN, deadline);
+        if (ready <= 0) {
+            *error = "no answer from the daemon within " + std::to_string(mTimeoutSeconds) +
+                     " s (another console session may be open)";
+            return 1;
+        }
+        ssize_t n = recv(fd, reinterpret_cast<char*>(rec) + got, sizeof *rec - got, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            *error = "the daemon closed the connection without an answer";
+            return 1;
+        }
+        got += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+int ConsoleClient::status(StatusReport::Items* items, std::string* error)
+{
+    items->clear();
+    int fd = connectToDaemon(error);
+    if (fd < 0)
+        return 1;
+    CUIMSGINFO req;
+    memset(&req, 0, sizeof req);
+    req.command = CuiIFTh::CmdStatus;
+    if (send(fd, &req, sizeof req, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof req)) {
+        *error = std::string("cannot send the request to the daemon: ") + strerror(errno);
+        close(fd);
+        return 1;
+    }
+    // One deadline for the whole answer; the daemon's bytes are checked
+    // record by record and bounded in number.
+    const long long deadline = monotonicMs() + mTimeoutSeconds * 1000LL;
+    for (int count = 0;; ++count) {
+        if (count >= StatusReport::kMaxRecords) {
+            *error = "the daemon's status answer is longer than " + std::to_string(StatusReport::kMaxRecords) +
+                     " records";
+            break;
+        }
+        CUIMSGINFO rec;
+        if (readRecord(fd, &rec, deadline, error) != 0) {
+            if (count == 0)
+                *error += " (a daemon older than this console does not answer \"status\")";
+            break;
+        }
+        StatusReport::Item item;
+        bool done = false;
+        if (!StatusReport::fromRecord(rec, &item, &done)) {
+            *error = "malformed status record from the daemon (command " + std::to_string(rec.command) + ")";
+            break;
+        }
+        if (done) {
+            close(fd);
+            return 0;
+        }
+        items->push_back(item);
+    }
+    close(fd);
+    items->clear();
+    return 1;
 }
 
 int ConsoleClient::ping(std::string* error)

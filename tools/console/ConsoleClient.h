@@ -1,9 +1,11 @@
 // ConsoleClient: the client side of the daemon's console port. Sends one
 // 260-byte request to the daemon on 127.0.0.1 and waits, for a bounded
-// time, for its answer.
+// time, for its answer (one record, or the records of the status report).
 #pragma once
 
 #include <string>
+
+#include "operator/StatusReport.h"
 
 #include "operator/CuiIFTh.h"
 
@@ -28,7 +30,14 @@ public:
     // the key), else 1 with *error set.
     static int checkSetArguments(const std::string& key, const std::string& value, std::string* error);
 
+    // Asks for the status report. 0 with *items filled (each record checked:
+    // terminated fields, a key of [a-z0-9_.], at most
+    // StatusReport::kMaxRecords records), else 1 with *error set.
+    int status(StatusReport::Items* items, std::string* error);
+
 private:
+    // Reads one whole record before the deadline: 0, or 1 with *error set.
+    int readRecord(int fd, CUIMSGINFO* rec, long long deadlineMs, std::string* error);
     int exchange(const CUIMSGINFO& request, std::string* error);
     int connectToDaemon(std::string* error);
 

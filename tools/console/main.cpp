@@ -1,6 +1,7 @@
 // kestrava-console: the operator's command-line client of the daemon's
 // console port. Checks that the daemon answers, changes configuration keys
-// of the running daemon and lists the shutdown members registered with it.
+// of the running daemon, shows its status (also as JSON, with an exit
+// status for monitoring) and lists the shutdown members registered with it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +21,7 @@ void usage(FILE* out)
     fprintf(out,
             "Usage: %s [--port N] [--config FILE] [--timeout S] ping\n"
             "       %s [--port N] [--config FILE] [--timeout S] set KEY VALUE\n"
+            "       %s [--port N] [--config FILE] [--timeout S] status [--json]\n"
             "       %s (--config FILE | --home DIR) members\n"
             "\n"
             "Talks to the running Kestrava daemon on this machine (127.0.0.1) through\n"
@@ -36,6 +38,13 @@ void usage(FILE* out)
             "                 (AppTermCommand1, Path, DeviceName, CuiAddress, ...) are\n"
             "                 refused unless the daemon's Kestrava.ini holds\n"
             "                 CuiAllowCommandKeys=1.\n"
+            "  status         show the daemon's state: its role; the UPS (model, state,\n"
+            "                 on utility or on battery, battery charge and runtime and\n"
+            "                 meters as far as the UPS reports them, the active alarms by\n"
+            "                 name); a running countdown (wink, countdown, application\n"
+            "                 end, shutdown: time left and the commands that will run);\n"
+            "                 on a controller its members, on a member its controllers.\n"
+            "                 Changes nothing. With --json: one JSON object instead.\n"
             "  members        list the shutdown members registered with the controller\n"
             "                 daemon and their state (\"Active\" members are told of a\n"
             "                 power failure), from membCommInfo.tmp in the daemon's home\n"
@@ -48,12 +57,20 @@ void usage(FILE* out)
             "  --home DIR     the daemon's home directory (members only)\n"
             "  --timeout S    seconds to wait for the connection and the answer\n"
             "                 (default 5)\n"
+            "  --json         status only: print one JSON object (keys in the manual)\n"
             "  --help         show this text\n"
             "\n"
             "Exit status: 0 done, 1 the daemon could not be reached or did not\n"
             "answer, 2 wrong usage or unreadable configuration, 3 the daemon refused\n"
-            "the key.\n",
-            kProgram, kProgram, kProgram);
+            "the key.\n"
+            "Exit status of status (a monitoring check): 0 the UPS is on utility and\n"
+            "communicating with no alarm and no countdown running (on a member: every\n"
+            "followed controller Active with power OK and no alarm); 1 anything else\n"
+            "(on battery, an alarm, the UPS or a controller not communicating, a\n"
+            "countdown); 2 the daemon could not be reached or gave no status, or\n"
+            "wrong usage. Alarms of level 1 (what the UPS is doing, such as\n"
+            "\"Battery charging\") are shown as notices and do not count.\n",
+            kProgram, kProgram, kProgram, kProgram);
 }
 
 int usageError(const std::string& message)
@@ -84,6 +101,7 @@ int main(int argc, char** argv)
     std::string config;
     std::string home;
     std::vector<std::string> words;
+    bool json = false;
 
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -110,13 +128,19 @@ int main(int argc, char** argv)
             }
             continue;
         }
+        if (arg == "--json") {
+            json = true;
+            continue;
+        }
         if (arg.size() > 2 && arg.compare(0, 2, "--") == 0)
             return usageError("unknown option " + arg);
         words.push_back(arg);
     }
 
     if (words.empty())
-        return usageError("no command given (ping, set or members)");
+        return usageError("no command given (ping, set, status or members)");
+    if (json && words[0] != "status")
+        return usageError("--json goes with status only");
     const std::string command = words[0];
     if (command == "ping") {
         if (words.size() != 1)
@@ -127,6 +151,9 @@ int main(int argc, char** argv)
         std::string error;
         if (ConsoleClient::checkSetArguments(words[1], words[2], &error) != 0)
             return usageError(error);
+    } else if (command == "status") {
+        if (words.size() != 1)
+            return usageError("status takes no arguments");
     } else if (command == "members") {
         if (words.size() != 1)
             return usageError("members takes no arguments");
@@ -143,7 +170,7 @@ int main(int argc, char** argv)
         }
         return 0;
     } else {
-        return usageError("unknown command \"" + command + "\" (ping, set or members)");
+        return usageError("unknown command \"" + command + "\" (ping, set, status or members)");
     }
 
     if (port < 0) {
@@ -172,6 +199,21 @@ int main(int argc, char** argv)
         }
         printf("%s: daemon answered\n", kProgram);
         return 0;
+    }
+    if (command == "status") {
+        StatusReport::Items items;
+        if (client.status(&items, &error) != 0) {
+            fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+            return StatusReport::ExitUnreachable;
+        }
+        const int code = StatusReport::exitCode(items);
+        if (code == StatusReport::ExitUnreachable) {
+            fprintf(stderr, "%s: the daemon published no status (no role in its answer)\n", kProgram);
+            return code;
+        }
+        const std::string out = json ? StatusReport::json(items) : StatusReport::text(items);
+        fwrite(out.data(), 1, out.size(), stdout);
+        return code;
     }
     const std::string& key = words[1];
     const std::string& value = words[2];
