@@ -157,6 +157,7 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     DaemonSandbox::catchInterrupts();
     DaemonSandbox box;
     std::string error;
