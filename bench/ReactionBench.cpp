@@ -43,8 +43,8 @@ const char kUsage[] =
     "\n"
     "  --trials N          number of measured trials (one more, unmeasured, warms up)\n"
     "  --seed S            seed of the random waits (default: random; printed)\n"
-    "  --timer-tick-ms MS  the timer service's tick for the model (default 300;\n"
-    "                      0 when timers fire at their expiry)\n"
+    "  --timer-tick-ms MS  the timer service's tick for the model, 0..1000 (default\n"
+    "                      300; 0 when timers fire at their expiry)\n"
     "  --bin DIR           where kestrava and kestrava-upssim are (default: the\n"
     "                      directory of this program)\n";
 
@@ -217,8 +217,8 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (trials < 1 || trials > 200 || tickMs < 0 || tickMs > 5000) {
-        fprintf(stderr, "kestrava-bench-reaction: --trials must be 1 to 200, --timer-tick-ms 0 to 5000\n");
+    if (trials < 1 || trials > 200 || tickMs < 0 || tickMs > 1000) {
+        fprintf(stderr, "kestrava-bench-reaction: --trials must be 1 to 200, --timer-tick-ms 0 to 1000\n");
         return 2;
     }
 
@@ -328,19 +328,28 @@ int main(int argc, char** argv)
     // poll and reports the poll's result after the fifth.
     const double exchangeMs = kWritePauseMs + kCollectReads * kReadPollMs + kExchangePauseMs;
     const double pollMs = kExchangesPerPoll * exchangeMs;
-    const double pauseMs = kPollTimerSeconds * 1000 - 500 + tickMs / 2;
-    const double cycleMs = pollMs + pauseMs;
+    // The result arms the poll timer for now + 5 in whole seconds, so every
+    // poll starts on a second boundary plus the tick's delay d (0 to one
+    // tick): the next one starts 5 s after the second in which this one
+    // ended, and a cycle is 5 s + floor(d + poll) + the next d - this d.
+    const double wholeMs = std::floor(pollMs / 1000) * 1000;
+    const double fractionMs = pollMs - wholeMs;
+    const double overflow =
+        tickMs > 0 ? std::min(1.0, std::max(0.0, (fractionMs + tickMs - 1000) / tickMs)) : (fractionMs >= 1000 ? 1 : 0);
+    const double cycleMs = kPollTimerSeconds * 1000 + wholeMs + overflow * 1000;
+    const double pauseMs = cycleMs - pollMs;
     const double modelMs = cycleMs / 2 + pollMs;
     printf("Model (the link's fixed pauses and the poll timer; transfer on the simulator's\n"
-           "pseudo-terminal and the hand-off to the broadcast taken as 0):\n");
+           "pseudo-terminal and the hand-offs between threads taken as 0):\n");
     printf("  one exchange: %.0f ms write pause + %.0f x %.0f ms collecting reads + %.0f ms after the flush = %.0f ms\n",
            kWritePauseMs, kCollectReads, kReadPollMs, kExchangePauseMs, exchangeMs);
     printf("  one poll: %d exchanges = %.0f ms; the alarms are the first exchange, the result is posted after the last\n",
            kExchangesPerPoll, pollMs);
-    printf("  pause between polls: a %.0f s timer armed in whole seconds at the result fires on a second boundary\n"
-           "    4 to 5 s later (4500 ms on average), plus half a %.0f ms timer tick = %.0f ms\n",
-           kPollTimerSeconds, tickMs, pauseMs);
-    printf("  poll cycle: %.0f + %.0f = %.0f ms\n", pollMs, pauseMs, cycleMs);
+    printf("  the result arms a %.0f s timer in whole seconds, so polls start on a second boundary plus the\n"
+           "    timer tick's delay (0 to %.0f ms): a cycle is %.0f s + %.0f s, or 1 s more when that delay plus the\n"
+           "    poll's %.0f ms over whole seconds passes a second (share %.2f): %.0f ms on average\n"
+           "    (pause between polls %.0f ms)\n",
+           kPollTimerSeconds, tickMs, kPollTimerSeconds, wholeMs / 1000, fractionMs, overflow, cycleMs, pauseMs);
     printf("  expected latency: half a cycle to the next alarm read (%.0f ms) + the rest of that poll (%.0f ms)\n"
            "    = %.0f ms\n",
            cycleMs / 2, pollMs, modelMs);
@@ -349,12 +358,13 @@ int main(int argc, char** argv)
            (med - modelMs) / modelMs * 100);
     if (!exchange.empty() && !pause.empty() && !cycle.empty()) {
         printf("Measured in the simulator's frame log (median; %zu polls):\n", polls.size());
-        printf("  one exchange %.0f ms, one poll %.0f ms, pause between polls %.0f ms (%.0f to %.0f), cycle %.0f ms "
-               "(%.0f to %.0f)\n",
+        printf("  one exchange %.0f ms, one poll %.0f ms, pause between polls %.0f ms (%.0f to %.0f),\n"
+               "  cycle %.0f ms (%.0f to %.0f; mean %.0f ms)\n",
                median(exchange) * 1000, median(poll) * 1000, median(pause) * 1000, quantile(pause, 0) * 1000,
-               quantile(pause, 1) * 1000, median(cycle) * 1000, quantile(cycle, 0) * 1000, quantile(cycle, 1) * 1000);
-        printf("  wait for the alarm read: median %.0f ms (half the measured cycle: %.0f ms)\n", median(waited) * 1000,
-               median(cycle) * 500);
+               quantile(pause, 1) * 1000, median(cycle) * 1000, quantile(cycle, 0) * 1000, quantile(cycle, 1) * 1000,
+               mean(cycle) * 1000);
+        printf("  wait for the alarm read: median %.0f ms (half the mean cycle: %.0f ms)\n", median(waited) * 1000,
+               mean(cycle) * 500);
         printf("  hand-off from the poll's end to the broadcast: median %.0f ms (%.0f to %.0f)\n",
                median(handOff) * 1000, quantile(handOff, 0) * 1000, quantile(handOff, 1) * 1000);
         const double measuredModel = (mean(cycle) / 2 + median(poll) + median(handOff)) * 1000;
