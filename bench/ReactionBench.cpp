@@ -175,7 +175,7 @@ double firstAfter(const std::vector<double>& times, double t)
 }
 
 struct Trial {
-    double phase = 0;   // wait after the previous power-restored broadcast, s
+    double aim = 0;     // the wait before the next alarm read it aimed at, s
     double raised = 0;  // alarm raised at the simulator
     Seen failure;       // the power-failure broadcast and log line
     double readAt = 0;  // the simulator received the alarm request (0x35) that saw it
@@ -249,13 +249,27 @@ int main(int argc, char** argv)
     }
     double reference = seen.wall;
 
-    // The poll cycle so far, from the simulator's frame log.
+    // The poll timing so far, from the simulator's frame log: the cycle, the
+    // poll's length, and how far past a second boundary polls start.
     std::vector<double> polls = box.frameTimes("35");
-    std::vector<double> gaps;
+    std::vector<double> gaps, lengths, offsets;
     for (size_t i = 1; i < polls.size(); ++i)
         gaps.push_back(polls[i] - polls[i - 1]);
-    const double cycleSoFar = median(gaps);
+    const std::vector<double> lastsSoFar = box.frameTimes("3B");
+    for (double p : polls) {
+        const double last = firstAfter(lastsSoFar, p);
+        if (last > 0 && last < p + kPollTimerSeconds * 2)
+            lengths.push_back((last - p) / (kExchangesPerPoll - 1) * kExchangesPerPoll);
+        offsets.push_back(p - std::floor(p));
+    }
+    const double cycleSoFar = mean(gaps), lengthSoFar = median(lengths), offsetSoFar = median(offsets);
+    // The result of a poll that started at `start` arms the timer for the
+    // whole second it ends in + 5 s; the next poll starts then, plus the
+    // usual offset.
+    auto nextStart = [&](double start) { return std::floor(start + lengthSoFar) + kPollTimerSeconds + offsetSoFar; };
 
+    // Each trial aims at a wait w before an alarm read: the N waits are one
+    // random point in each of N equal strata of the cycle, in random order.
     std::mt19937 random(seed);
     std::vector<int> strata(static_cast<size_t>(trials));
     std::iota(strata.begin(), strata.end(), 0);
@@ -265,8 +279,22 @@ int main(int argc, char** argv)
     std::vector<Trial> done;
     for (int i = 0; i < trials; ++i) {
         Trial t;
-        t.phase = (strata[static_cast<size_t>(i)] + unit(random)) / trials * cycleSoFar;
-        DaemonSandbox::sleepFor(reference + t.phase - DaemonSandbox::now());
+        t.aim = (strata[static_cast<size_t>(i)] + unit(random)) / trials * cycleSoFar;
+        // The next poll's start shows in the frame log; the alarm goes up w
+        // before the one after it (or the one after that, when that moment
+        // has already passed).
+        double start = 0;
+        if (!waitFor([&] { return (start = firstAfter(box.frameTimes("35"), reference)) > 0 || DaemonSandbox::interrupted(); },
+                     30, 50) ||
+            DaemonSandbox::interrupted()) {
+            fprintf(stderr, "kestrava-bench-reaction: trial %d: %s\n", i + 1,
+                    DaemonSandbox::interrupted() ? "interrupted" : "no poll within 30 s");
+            return 1;
+        }
+        double target = nextStart(start);
+        if (target - t.aim < DaemonSandbox::now() + 0.05)
+            target = nextStart(target);
+        DaemonSandbox::sleepFor(target - t.aim - DaemonSandbox::now());
         if (!act(box, watch, "alarm set " + std::to_string(kAlarm), &t.raised, &t.failure, &error) ||
             !act(box, watch, "alarm clear " + std::to_string(kAlarm), &sent, &seen, &error)) {
             fprintf(stderr, "kestrava-bench-reaction: trial %d: %s\n", i + 1, error.c_str());
@@ -303,7 +331,7 @@ int main(int argc, char** argv)
 
     std::vector<double> wallMs, logMs;
     printf("Reaction of a controller to alarm %d (utility not present), %d trials, seed %u\n", kAlarm, trials, seed);
-    printf("%5s %9s %12s %12s %12s %12s %14s\n", "trial", "phase ms", "broadcast ms", "event log ms",
+    printf("%5s %9s %12s %12s %12s %12s %14s\n", "trial", "aimed ms", "broadcast ms", "event log ms",
            "to poll ms", "poll ms", "hand-off ms");
     for (size_t i = 0; i < done.size(); ++i) {
         const Trial& t = done[i];
@@ -311,11 +339,11 @@ int main(int argc, char** argv)
         logMs.push_back((t.failure.logGrew - t.raised) * 1000);
         if (t.readAt > 0 && t.lastAt > 0) {
             const double pollMs = (t.lastAt - t.readAt) / (kExchangesPerPoll - 1) * kExchangesPerPoll * 1000;
-            printf("%5zu %9.0f %12.0f %12.0f %12.0f %12.0f %14.0f\n", i + 1, t.phase * 1000, wallMs.back(),
+            printf("%5zu %9.0f %12.0f %12.0f %12.0f %12.0f %14.0f\n", i + 1, t.aim * 1000, wallMs.back(),
                    logMs.back(), (t.readAt - t.raised) * 1000, pollMs,
                    (t.failure.wall - t.readAt) * 1000 - pollMs);
         } else {
-            printf("%5zu %9.0f %12.0f %12.0f %12s %12s %14s\n", i + 1, t.phase * 1000, wallMs.back(), logMs.back(),
+            printf("%5zu %9.0f %12.0f %12.0f %12s %12s %14s\n", i + 1, t.aim * 1000, wallMs.back(), logMs.back(),
                    "?", "?", "?");
         }
     }
