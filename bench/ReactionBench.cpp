@@ -1,7 +1,8 @@
 // Reaction time of a controller to a UPS alarm: the real daemon against the
 // UPS simulator (no member), over N trials. Each trial raises alarm 59
 // (utility not present) at the simulator's control socket at a random moment
-// of the poll cycle, measures the time until the daemon's `wall` broadcast of
+// of the poll cycle (aimed at a chosen wait before the next alarm read, the
+// waits spread evenly over the cycle), measures the time until the daemon's `wall` broadcast of
 // the power failure (the sandbox's `wall` stamps it with `date +%s.%N`) and
 // until the event log grows, then clears the alarm and waits until the
 // daemon has broadcast the power's return. Prints min / median / p95 of both
@@ -30,13 +31,14 @@ const char kUsage[] =
     "\n"
     "Starts the daemon as a controller against kestrava-upssim in a scratch home\n"
     "under /tmp (wink time 0, so a power failure is broadcast as soon as the\n"
-    "daemon sees it). Each of N trials (default 10, 1..200) waits a random part\n"
-    "of a poll cycle, raises alarm 59 (utility not present) at the simulator,\n"
-    "measures the time until the daemon's wall broadcast and until its event\n"
-    "log grows, then clears the alarm and waits for the power-restored\n"
-    "broadcast. The random waits are spread over the cycle in N equal strata\n"
-    "(one random point in each, in random order), so that few trials already\n"
-    "sample the whole cycle. Prints every trial, min / median / p95 of both\n"
+    "daemon sees it). Each of N trials (default 10, 1..200) raises alarm 59\n"
+    "(utility not present) at the simulator a random time w before a poll reads\n"
+    "the alarms (the next poll's start is predicted from the frame log), measures\n"
+    "the time until the daemon's wall broadcast and until its event log grows,\n"
+    "then clears the alarm and waits for the power-restored broadcast. The waits\n"
+    "w are spread over the mean poll cycle in N equal strata (one random point\n"
+    "in each, in random order), so that few trials already sample the whole\n"
+    "cycle evenly. Prints every trial, min / median / p95 of both\n"
     "latencies, the model of the expected latency and the measured poll timing.\n"
     "A run takes about 30 s per trial plus a minute. Both processes are ended and\n"
     "the scratch home removed.\n"
