@@ -305,6 +305,11 @@ void StartUp::lockDevice()
 // Workers, in their fixed order; then the controller core starts deciding.
 void StartUp::startWorkers()
 {
+    // The member table keeps "MembInfo.dat" in the "Path" directory. It is
+    // made before any worker runs: the console reads it for its status.
+    gIpcData = new (std::nothrow) IpcData(gCStCtrl, gpMapConfig->getConf("Path"), gHomeDir);
+    if (!gIpcData)
+        endInOrder(1, "out of memory");
     // Where the status check reports, a change of the member record wakes it.
     if (gpMapConfig->getConf("UPSController") != "1")
         gCStCtrl.setContInfoWake([] { gCTimerIfThread.wakeContInfo(); });
@@ -323,10 +328,6 @@ void StartUp::startWorkers()
 
 void StartUp::startNetwork()
 {
-    // The member table keeps "MembInfo.dat" in the "Path" directory.
-    gIpcData = new (std::nothrow) IpcData(gCStCtrl, gpMapConfig->getConf("Path"), gHomeDir);
-    if (!gIpcData)
-        endInOrder(1, "out of memory");
     if (!gMember) {
         // The network side of a controller waits until the UPS has been
         // reached, checking once a second; a fatal stop meanwhile ends the wait.
