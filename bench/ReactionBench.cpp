@@ -55,8 +55,7 @@ const char kUsage[] =
 // communicateUps) and polling() in xcp/XcpIFThDetect.cpp, and the poll timer
 // of StCTrl::setPollingEvent.
 const double kWritePauseMs = 500;   // after every command written
-const double kCollectReads = 10;    // reads after the first bytes of a reply ...
-const double kReadPollMs = 50;      // ... this far apart
+const double kCollectMs = 500;      // collecting window after the first bytes of a reply
 const double kExchangePauseMs = 150; // after the flush that ends an exchange
 const int kExchangesPerPoll = 5;    // alarms (0x35) first, then 0x34, 0x33, 0x41, 0x3B
 const double kPollTimerSeconds = 5; // armed at the poll result as now + 5, whole seconds
@@ -363,7 +362,7 @@ int main(int argc, char** argv)
 
     // The model: the daemon reads the alarms in the first exchange of each
     // poll and reports the poll's result after the fifth.
-    const double exchangeMs = kWritePauseMs + kCollectReads * kReadPollMs + kExchangePauseMs;
+    const double exchangeMs = kWritePauseMs + kCollectMs + kExchangePauseMs;
     const double pollMs = kExchangesPerPoll * exchangeMs;
     // The result arms the poll timer for now + 5 in whole seconds, so every
     // poll starts on a second boundary plus the tick's delay d (0 to one
@@ -378,8 +377,8 @@ int main(int argc, char** argv)
     const double modelMs = cycleMs / 2 + pollMs;
     printf("Model (the link's fixed pauses and the poll timer; transfer on the simulator's\n"
            "pseudo-terminal and the hand-offs between threads taken as 0):\n");
-    printf("  one exchange: %.0f ms write pause + %.0f x %.0f ms collecting reads + %.0f ms after the flush = %.0f ms\n",
-           kWritePauseMs, kCollectReads, kReadPollMs, kExchangePauseMs, exchangeMs);
+    printf("  one exchange: %.0f ms write pause + %.0f ms collecting window + %.0f ms after the flush = %.0f ms\n",
+           kWritePauseMs, kCollectMs, kExchangePauseMs, exchangeMs);
     printf("  one poll: %d exchanges = %.0f ms; the alarms are the first exchange, the result is posted after the last\n",
            kExchangesPerPoll, pollMs);
     printf("  the result arms a %.0f s timer in whole seconds, so polls start on a second boundary plus the\n"
