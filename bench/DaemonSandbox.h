@@ -160,6 +160,24 @@ public:
 
     // Waits until the UPS was detected and has been polled `polls` times since
     // (the daemon says "Established" and the simulator logged the polls).
+    // Starts the sandbox and waits for that many UPS polls (the detection
+    // first); says why on standard error, after the program's name, when not.
+    bool startPolling(const Settings& s, int polls, int seconds, const char* program)
+    {
+        setvbuf(stdout, nullptr, _IOLBF, 0);
+        catchInterrupts();
+        std::string error;
+        if (!start(s, &error)) {
+            fprintf(stderr, "%s: %s\n", program, error.c_str());
+            return false;
+        }
+        if (!waitPolling(polls, seconds)) {
+            fprintf(stderr, "%s: the daemon did not detect the UPS and poll it %d time(s) within %d s%s\n", program,
+                    polls, seconds, interrupted() ? " (interrupted)" : "");
+            return false;
+        }
+        return true;
+    }
     bool waitPolling(int polls, int seconds)
     {
         return waitFor([&] {

@@ -157,20 +157,10 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    DaemonSandbox::catchInterrupts();
     DaemonSandbox box;
-    std::string error;
-    if (!box.start(settings, &error)) {
-        fprintf(stderr, "kestrava-bench-idle-cost: %s\n", error.c_str());
-        return 1;
-    }
     // Detection takes up to a minute (line speed hunting); then one poll.
-    if (!box.waitPolling(1, 90)) {
-        fprintf(stderr, "kestrava-bench-idle-cost: the daemon did not detect and poll the UPS within 90 s%s\n",
-                DaemonSandbox::interrupted() ? " (interrupted)" : "");
+    if (!box.startPolling(settings, 1, 90, "kestrava-bench-idle-cost"))
         return 1;
-    }
 
     ScriptedMember member("127.0.0.2", "idle-member", "127.0.0.1", static_cast<uint16_t>(box.ctrlPort()));
     std::thread answering;

@@ -224,21 +224,12 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    DaemonSandbox::catchInterrupts();
     DaemonSandbox box;
-    std::string error;
-    if (!box.start(settings, &error)) {
-        fprintf(stderr, "kestrava-bench-reaction: %s\n", error.c_str());
-        return 1;
-    }
     fprintf(stderr, "waiting for the UPS detection and three polls...\n");
-    if (!box.waitPolling(3, 120)) {
-        fprintf(stderr, "kestrava-bench-reaction: the daemon did not detect and poll the UPS three times within 120 s%s\n",
-                DaemonSandbox::interrupted() ? " (interrupted)" : "");
+    if (!box.startPolling(settings, 3, 120, "kestrava-bench-reaction"))
         return 1;
-    }
     ChangeWatch watch({box.home(), box.eventLogDir()});
+    std::string error;
 
     // A first failure and return, not measured: the broadcast path warms up
     // and the return gives the first trial its point in the cycle.

@@ -32,11 +32,11 @@ void TimerFdWait::arm(time_t second)
 {
     if (mTimer < 0)
         return;
-    struct itimerspec spec;
-    memset(&spec, 0, sizeof spec);
+    struct itimerspec setting;
+    memset(&setting, 0, sizeof setting);
     // A zero value would disarm: the earliest second stands for "already due".
-    spec.it_value.tv_sec = second > 0 ? second : 1;
-    if (timerfd_settime(mTimer, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &spec, nullptr) == 0)
+    setting.it_value.tv_sec = second > 0 ? second : 1;
+    if (timerfd_settime(mTimer, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &setting, nullptr) == 0)
         return;
     // ECANCELED: the clock was set since the last read and this call took
     // that news from the waiting thread (the timer is armed all the same),
